@@ -1,0 +1,40 @@
+# One function per kind of target; every target's language level and warnings come from here.
+include_guard()
+find_package(Threads REQUIRED)
+
+set(VELAHOST_WARNINGS
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
+    -Wnon-virtual-dtor -Werror)
+
+function(velahost_configure_target target)
+    target_compile_features(${target} PUBLIC cxx_std_17)
+    set_target_properties(${target} PROPERTIES
+        CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
+    target_compile_options(${target} PRIVATE ${VELAHOST_WARNINGS})
+    if(VELAHOST_SANITIZE)
+        target_compile_options(${target} PRIVATE
+            -fsanitize=${VELAHOST_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+        target_link_options(${target} PRIVATE -fsanitize=${VELAHOST_SANITIZE})
+    endif()
+    if(VELAHOST_COVERAGE)
+        target_compile_options(${target} PRIVATE --coverage -fprofile-update=atomic)
+        target_link_options(${target} PRIVATE --coverage)
+    endif()
+endfunction()
+
+# velahost_example(NAME SOURCE...): a program that a reader may copy.
+function(velahost_example name)
+    add_executable(${name} ${ARGN})
+    velahost_configure_target(${name})
+    target_link_libraries(${name} PRIVATE velahost Threads::Threads)
+endfunction()
+
+# velahost_test(NAME SOURCE...): a GoogleTest program whose tests ctest runs one process each.
+function(velahost_test name)
+    add_executable(${name} ${ARGN})
+    velahost_configure_target(${name})
+    target_link_libraries(${name} PRIVATE velahost velahost_test_support GTest::gmock_main)
+    gtest_discover_tests(${name}
+        DISCOVERY_TIMEOUT 60
+        PROPERTIES TIMEOUT 120)
+endfunction()

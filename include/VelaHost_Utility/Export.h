@@ -1,0 +1,5 @@
+#pragma once
+
+/// Marks what the shared library exports; everything else in it is hidden. Exception types carry
+/// it too, so that a handler in one module catches what another module throws.
+#define VELAHOST_EXPORT [[gnu::visibility("default")]]
