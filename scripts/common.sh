@@ -1,0 +1,57 @@
+# Shared by the scripts of this directory; sourced, not run.
+# shellcheck shell=bash
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
+
+say() { printf '%s\n' "$*"; }
+
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then "$@"; elif command -v sudo >/dev/null; then sudo -n "$@"; else return 1; fi
+}
+
+# install_packages PACKAGE...: installs what it can. One package index that can't be fetched (a
+# foreign architecture's, say) doesn't stop the rest.
+install_packages() {
+    as_root apt-get update -q >/dev/null 2>&1
+    as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y -q --no-install-recommends "$@" >/dev/null 2>&1
+}
+
+# builds_with COMPILER FLAG...: true when a C++ program can be compiled and linked that way.
+builds_with() {
+    printf '#include <string>\nint main() { return static_cast<int>(std::string().size()); }\n' |
+        "$@" -x c++ - -o /dev/null >/dev/null 2>&1
+}
+
+# Installs what building needs and is missing; sets `preset` and `native_preset_reason`.
+prepare_machine() {
+    local missing=()
+    command -v cmake >/dev/null || missing+=(cmake)
+    command -v ninja >/dev/null || missing+=(ninja-build)
+    [ -f /usr/src/googletest/CMakeLists.txt ] || missing+=(googletest)
+    command -v g++ >/dev/null || missing+=(g++)
+    if [ "$(dpkg --print-architecture 2>/dev/null)" = amd64 ] && ! builds_with g++ -m32; then
+        missing+=(g++-multilib)
+    fi
+    if [ "${#missing[@]}" -gt 0 ]; then
+        say "Installing: ${missing[*]}"
+        # One by one: a package that can't be had must not keep the others away.
+        local package
+        for package in "${missing[@]}"; do
+            install_packages "$package" || say "Can't install $package"
+        done
+    fi
+    if builds_with g++ -m32; then
+        preset=${VELAHOST_PRESET:-dev}
+    else
+        say "No 32-bit C++ toolchain here and none can be installed: building natively, $(getconf LONG_BIT) bit."
+        preset=native
+    fi
+}
+
+# build PRESET [CMAKE-OPTION...]
+build() {
+    local name=$1
+    shift
+    cmake --preset "$name" "$@" >/dev/null && cmake --build --preset "$name" -- --quiet
+}
