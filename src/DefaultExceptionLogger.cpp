@@ -68,7 +68,10 @@ bool Trace(const Exception& e, const std::string& line)
     long label = s_Plume_EXCE_LabelH.load(std::memory_order_relaxed);
     if (label == 0) {
         plume.getLabelHandle("Exception", &label);
-        s_Plume_EXCE_LabelH.store(label, std::memory_order_relaxed);
+        // A look-up that failed must not wipe out the label that another thread just got.
+        if (label != 0) {
+            s_Plume_EXCE_LabelH.store(label, std::memory_order_relaxed);
+        }
     }
     const char* component = e.GetContext().m_CompName;
     long module = 0;

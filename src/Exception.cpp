@@ -4,8 +4,10 @@
 
 #include <VelaHost_OS/SystemInfo.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <new>
 
 namespace VelaHost_Utility {
 
@@ -19,9 +21,11 @@ constexpr unsigned int s_BadStateCode = 0x2008;
 std::string ExpandDetail(const char* format, std::va_list arguments)
 {
     constexpr std::size_t bufferSize = 200;
-    char detail[bufferSize];
-    if (std::vsnprintf(detail, bufferSize, format, arguments) < 0) {
-        return {};
+    char detail[bufferSize] = "";
+    // An expansion that fails half-way, for example at a character that can't be converted, still
+    // shows what came before.
+    if (std::vsnprintf(detail, bufferSize, format, arguments) < 0 && errno == ENOMEM) {
+        throw std::bad_alloc();
     }
     return detail;
 }

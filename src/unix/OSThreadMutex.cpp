@@ -5,8 +5,11 @@
 #include <internal/unix/OSSystem.h>
 
 #include <cerrno>
+#include <string>
 
 namespace VelaHost_OS {
+
+static const std::string s_CompName("OS");
 
 ThreadMutex::ThreadMutex()
 {
@@ -25,7 +28,7 @@ ThreadMutex::~ThreadMutex() noexcept(false)
     CheckResult(pthread_mutex_destroy(&m_Mutex));
 }
 
-void ThreadMutex::operator delete(ThreadMutex* mutex, std::destroying_delete_t)
+void ThreadMutex::operator delete(ThreadMutex* mutex, std::destroying_delete_t) noexcept(false)
 {
     VelaHost_Utility::DestroyThenFree(mutex);
 }

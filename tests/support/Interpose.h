@@ -92,10 +92,7 @@ public:
                 return Fail(error);
             }
             if (const HookFunction* hook = m_Hook.load(std::memory_order_acquire)) {
-                InsideHook() = true;
-                const std::optional<Result> result = (*hook)(arguments...);
-                InsideHook() = false;
-                if (result) {
+                if (const std::optional<Result> result = Run(*hook, arguments...)) {
                     return *result;
                 }
             }
@@ -117,6 +114,16 @@ public:
 private:
     template <typename>
     friend class Hook;
+
+    static std::optional<Result> Run(const HookFunction& hook, Arguments... arguments)
+    {
+        struct Inside
+        {
+            Inside() { InsideHook() = true; }
+            ~Inside() { InsideHook() = false; }
+        } inside;
+        return hook(arguments...);
+    }
 
     Result Fail(int error) const
     {

@@ -1,5 +1,6 @@
 #include "Janitor.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -83,7 +84,14 @@ int StartJanitor()
 
 void Tell(char action, Kind kind, const std::string& what, int projectId)
 {
-    static const int s_Pipe = StartJanitor();
+    // A forked child has a janitor of its own: its parent's waits for the parent's death.
+    static std::atomic<pid_t> s_Owner{0};
+    static std::atomic<int> s_Pipe{-1};
+    // Two threads may start one each; either serves.
+    if (s_Owner != getpid()) {
+        s_Pipe = StartJanitor();
+        s_Owner = getpid();
+    }
     std::string line;
     line += action;
     line += static_cast<char>(kind);

@@ -13,6 +13,10 @@ namespace velahost_test::interposed {
 // Clock.cpp
 extern Interposed<int(timeval*, void*)> gettimeofday;
 extern Interposed<int(const timespec*, timespec*)> nanosleep;
+extern Interposed<std::tm*(const std::time_t*, std::tm*)> localtime_r;
+
+// DynamicLoading.cpp
+extern Interposed<void*(const char*, int)> dlopen;
 
 // Pthread.cpp
 extern Interposed<int(pthread_mutex_t*, const pthread_mutexattr_t*)> pthread_mutex_init;
@@ -30,5 +34,8 @@ extern Interposed<int(key_t, int)> msgget;
 extern Interposed<int(int, int, msqid_ds*)> msgctl;
 extern Interposed<int(int, const void*, std::size_t, int)> msgsnd;
 extern Interposed<ssize_t(int, void*, std::size_t, long, int)> msgrcv;
+
+// System.cpp
+extern Interposed<long(int)> sysconf;
 
 } // namespace velahost_test::interposed
