@@ -18,7 +18,8 @@ enum ControlCode { ConnectReq = 1, ConnectRsp = 2, DisconnectReq = 3, Disconnect
 
 constexpr long s_Server = 1;
 constexpr unsigned int s_Control = 1;
-// What twenty clients have under way at once fits a queue of the usual 16 KiB.
+// Two neighbours have at most 775 bytes of payload, so what twenty clients have under way at once
+// fits a queue of the usual 16 KiB, and no reply meets a full one.
 constexpr int s_MessagesUnderWay = 2;
 
 void Require(bool condition, const char* what)
@@ -35,7 +36,7 @@ int IntAt(std::string_view text, std::size_t offset)
     return number;
 }
 
-void Exchange(const RawQueue& queue, int messageCount)
+void Exchange(const RawQueue& queue, int messageCount, const std::function<void(int)>& connected)
 {
     const int pid = getpid();
     queue.Send(s_Server, MessageText(0, s_Control, ControlPayload(ConnectReq, pid, 0)));
@@ -46,6 +47,7 @@ void Exchange(const RawQueue& queue, int messageCount)
             "connect reply");
     Require(id >= 1, "connection id");
 
+    connected(id);
     const auto connection = static_cast<unsigned int>(id);
     for (int done = 0; done < messageCount; done += s_MessagesUnderWay) {
         const int end = std::min(done + s_MessagesUnderWay, messageCount);
@@ -67,10 +69,10 @@ void Exchange(const RawQueue& queue, int messageCount)
 
 } // namespace
 
-int RunEchoClient(int queueId, int messageCount)
+int RunEchoClient(int queueId, int messageCount, const std::function<void(int)>& connected)
 {
     try {
-        Exchange(RawQueue(queueId), messageCount);
+        Exchange(RawQueue(queueId), messageCount, connected);
         return 0;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "echo client %d: %s\n", static_cast<int>(getpid()), e.what());
