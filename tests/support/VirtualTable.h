@@ -9,10 +9,12 @@ namespace velahost_test {
 /// deleting one. Throws `std::runtime_error` for a class whose table is not exported.
 std::size_t CountVirtualSlots(const void* object);
 
-/// The function in slot number `slot`, counted from 0, of the table at the start of `object`.
-inline void* GetVirtualSlot(const void* object, std::size_t slot)
+/// The function in slot number `slot`, counted from 0, of the table at the start of `object`. Its
+/// first argument is the object.
+template <typename Function>
+Function* GetVirtualSlot(const void* object, std::size_t slot)
 {
-    return (*static_cast<void** const*>(object))[slot];
+    return reinterpret_cast<Function*>((*static_cast<void** const*>(object))[slot]);
 }
 
 /// Calls slot number `slot` of the table at the start of `object`, with the object and `arguments`,
@@ -20,8 +22,7 @@ inline void* GetVirtualSlot(const void* object, std::size_t slot)
 template <typename Result = void, typename... Arguments>
 Result CallVirtualSlot(void* object, std::size_t slot, Arguments... arguments)
 {
-    using Function = Result (*)(void*, Arguments...);
-    return reinterpret_cast<Function>(GetVirtualSlot(object, slot))(object, arguments...);
+    return GetVirtualSlot<Result(void*, Arguments...)>(object, slot)(object, arguments...);
 }
 
 } // namespace velahost_test

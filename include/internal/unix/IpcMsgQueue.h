@@ -55,8 +55,11 @@ public:
     int Receive(IpcMsgBuf& message, long type) const
     {
         const int count = ReceiveRecord(message, type, 0);
-        if (count == -1 && errno != ENOMSG) {
-            throw IpcMsgException(s_QueueReceiveFailed, errno);
+        if (count == -1) {
+            const int error = errno;
+            if (error != ENOMSG) {
+                throw IpcMsgException(s_QueueReceiveFailed, error);
+            }
         }
         return count;
     }
@@ -80,7 +83,8 @@ private:
         unsigned char text[s_MaxQueueText];
     };
 
-    static constexpr bool s_RecordIsSystems = sizeof(long) == sizeof(IpcMsgBuf::mtype);
+    static constexpr std::size_t s_TextOffset = sizeof(IpcMsgBuf::mtype);
+    static constexpr bool s_RecordIsSystems = sizeof(long) == s_TextOffset;
 
     int SendRecord(const IpcMsgBuf& message, int textLength) const
     {
@@ -90,7 +94,7 @@ private:
         } else {
             LongTypeRecord record{};
             record.mtype = message.mtype;
-            std::memcpy(record.text, &message.connection, size);
+            std::memcpy(record.text, reinterpret_cast<const char*>(&message) + s_TextOffset, size);
             return msgsnd(msqid, &record, size, IPC_NOWAIT);
         }
     }
@@ -104,7 +108,8 @@ private:
             const auto count = msgrcv(msqid, &record, s_MaxQueueText, type, flags);
             if (count >= 0) {
                 message.mtype = static_cast<std::int32_t>(record.mtype);
-                std::memcpy(&message.connection, record.text, static_cast<std::size_t>(count));
+                std::memcpy(reinterpret_cast<char*>(&message) + s_TextOffset, record.text,
+                            static_cast<std::size_t>(count));
             }
             return static_cast<int>(count);
         }
