@@ -8,7 +8,7 @@ Lockable::Lockable() = default;
 
 Lockable::~Lockable() noexcept(false) = default;
 
-void Lockable::operator delete(Lockable* lockable, std::destroying_delete_t)
+void Lockable::operator delete(Lockable* lockable, std::destroying_delete_t) noexcept(false)
 {
     DestroyThenFree(lockable);
 }

@@ -43,8 +43,8 @@ public:
     pthread_t GetOwner() const { return m_Owner; }
 
 #ifdef __cpp_lib_destroying_delete
-    /// Frees the memory only after the destructor has returned.
-    void operator delete(ThreadMutex* mutex, std::destroying_delete_t);
+    /// Frees the memory only after the destructor has returned; lets its exception out.
+    void operator delete(ThreadMutex* mutex, std::destroying_delete_t) noexcept(false);
 #endif
 
 private:
@@ -77,8 +77,8 @@ public:
     unsigned int GetMagic() const { return m_Magic; }
 
 #ifdef __cpp_lib_destroying_delete
-    /// Frees the memory only after the destructor has returned.
-    void operator delete(ThreadRecursiveMutex* mutex, std::destroying_delete_t);
+    /// Frees the memory only after the destructor has returned; lets its exception out.
+    void operator delete(ThreadRecursiveMutex* mutex, std::destroying_delete_t) noexcept(false);
 #endif
 
 protected:

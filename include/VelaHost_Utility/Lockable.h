@@ -23,8 +23,8 @@ public:
     ~Lockable() noexcept(false) override;
 
 #ifdef __cpp_lib_destroying_delete
-    /// Frees the memory only after the destructor has returned.
-    void operator delete(Lockable* lockable, std::destroying_delete_t);
+    /// Frees the memory only after the destructor has returned; lets its exception out.
+    void operator delete(Lockable* lockable, std::destroying_delete_t) noexcept(false);
 #endif
 
 private:

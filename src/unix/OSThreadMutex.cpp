@@ -25,7 +25,7 @@ ThreadMutex::~ThreadMutex() noexcept(false)
     CheckResult(pthread_mutex_destroy(&m_Mutex));
 }
 
-void ThreadMutex::operator delete(ThreadMutex* mutex, std::destroying_delete_t)
+void ThreadMutex::operator delete(ThreadMutex* mutex, std::destroying_delete_t) noexcept(false)
 {
     VelaHost_Utility::DestroyThenFree(mutex);
 }

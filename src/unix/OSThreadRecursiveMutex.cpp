@@ -25,7 +25,8 @@ ThreadRecursiveMutex::~ThreadRecursiveMutex() noexcept(false)
     CheckResult(pthread_mutex_destroy(&m_Mutex));
 }
 
-void ThreadRecursiveMutex::operator delete(ThreadRecursiveMutex* mutex, std::destroying_delete_t)
+void ThreadRecursiveMutex::operator delete(ThreadRecursiveMutex* mutex,
+                                           std::destroying_delete_t) noexcept(false)
 {
     VelaHost_Utility::DestroyThenFree(mutex);
 }
