@@ -1,0 +1,95 @@
+#include <VelaHost_Utility/Timer.h>
+
+#include "DestroyingDelete.h"
+#include "TextFormat.h"
+
+namespace VelaHost_Utility {
+
+using VelaHost_OS::TimerService;
+
+namespace {
+
+constexpr unsigned int s_TimerMisuseCode = 0x2004;
+
+constexpr Exception::Context s_StartSite(nullptr, "Timer", 90, DefaultExceptionLogger);
+
+} // namespace
+
+TimerException::TimerException(const Context& context, unsigned int errorCode, unsigned int sys)
+    : Exception(context, errorCode)
+{
+    SetText("TimerException(Sys=0x" + Hexadecimal(sys) + ")");
+    LogMe();
+}
+
+TimerException::~TimerException() = default;
+
+Timer::Timer(unsigned int interval, Handler* handler, bool periodic)
+    : m_Interval(interval), m_Handler(handler), m_Periodic(periodic), m_Running(false)
+{}
+
+Timer::~Timer() noexcept(false)
+{
+    Stop();
+}
+
+void Timer::operator delete(Timer* timer, std::destroying_delete_t) noexcept(false)
+{
+    DestroyThenFree(timer);
+}
+
+void Timer::Start()
+{
+    TimerService* const service = TimerService::GetInstance();
+    Locker locker(*service);
+    if (m_Running) {
+        throw TimerException(s_StartSite, s_TimerMisuseCode, 0);
+    }
+    m_Request = service->MakeRequest(this, m_Interval);
+    m_Running = true;
+}
+
+void Timer::Stop()
+{
+    TimerService* const service = TimerService::GetInstance();
+    Locker locker(*service);
+    if (m_Running) {
+        service->KillRequest(m_Request);
+        m_Request = nullptr;
+        m_Running = false;
+    }
+}
+
+void Timer::Restart()
+{
+    Locker locker(*TimerService::GetInstance());
+    Stop();
+    Start();
+}
+
+void Timer::Fire(Locker& locker)
+{
+    m_Request = nullptr;
+    if (!m_Running) {
+        return;
+    }
+    if (m_Periodic) {
+        m_Request = TimerService::GetInstance()->MakeRequest(this, m_Interval);
+    } else {
+        m_Running = false;
+    }
+    // Without the lock the timer may be gone at any moment.
+    Handler* const handler = m_Handler;
+    locker.Unlock();
+    if (handler != nullptr) {
+        handler->OnTimer(this);
+    }
+}
+
+bool Timer::IsRunning() const
+{
+    Locker locker(*TimerService::GetInstance());
+    return m_Running;
+}
+
+} // namespace VelaHost_Utility
