@@ -13,8 +13,7 @@
 namespace velahost_test {
 
 /// What `semctl` takes last; the C library leaves its declaration to the caller.
-union SemaphoreArgument
-{
+union SemaphoreArgument {
     int value;
     semid_ds* state;
     unsigned short* values;
