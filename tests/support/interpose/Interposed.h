@@ -2,10 +2,24 @@
 
 #include "support/Interpose.h"
 
+#include <csignal>
 #include <ctime>
 #include <pthread.h>
 #include <sys/msg.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+
+namespace velahost_test {
+
+/// What `semctl` takes last; the C library leaves its declaration to the caller.
+union SemaphoreArgument {
+    int value;
+    semid_ds* state;
+    unsigned short* values;
+};
+
+} // namespace velahost_test
 
 /// The interposed functions, one object each, under the function's own name.
 namespace velahost_test::interposed {
@@ -17,6 +31,19 @@ extern Interposed<std::tm*(const std::time_t*, std::tm*)> localtime_r;
 
 // DynamicLoading.cpp
 extern Interposed<void*(const char*, int)> dlopen;
+
+// File.cpp
+extern Interposed<int(const char*, int, mode_t)> open;
+extern Interposed<ssize_t(int, void*, std::size_t)> read;
+extern Interposed<ssize_t(int, const void*, std::size_t)> write;
+extern Interposed<off_t(int, off_t, int)> lseek;
+extern Interposed<int(int)> fsync;
+extern Interposed<int(int)> close;
+extern Interposed<int(const char*)> unlink;
+extern Interposed<mode_t(mode_t)> umask;
+extern Interposed<int(const char*, struct ::stat64*)> stat64;
+extern Interposed<void*(void*, std::size_t, int, int, int, off_t)> mmap;
+extern Interposed<int(void*, std::size_t)> munmap;
 
 // Pthread.cpp
 extern Interposed<int(pthread_mutex_t*, const pthread_mutexattr_t*)> pthread_mutex_init;
@@ -37,5 +64,12 @@ extern Interposed<ssize_t(int, void*, std::size_t, long, int)> msgrcv;
 
 // System.cpp
 extern Interposed<long(int)> sysconf;
+// Semaphore.cpp
+extern Interposed<int(key_t, int, int)> semget;
+extern Interposed<int(int, sembuf*, std::size_t)> semop;
+extern Interposed<int(int, int, int, SemaphoreArgument)> semctl;
+
+// Signal.cpp
+extern Interposed<int(int, const sigset_t*, sigset_t*)> sigprocmask;
 
 } // namespace velahost_test::interposed

@@ -1,0 +1,177 @@
+#include <VelaHost_OS/ProcessMutex.h>
+
+#include "InstallDirectory.h"
+
+#include <VelaHost_OS/SystemInfo.h>
+#include <VelaHost_Utility/Exception.h>
+
+#include <internal/unix/OSSystem.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace VelaHost_OS {
+
+static const std::string s_CompName("OS");
+
+namespace {
+
+using VelaHost_Utility::DefaultExceptionLogger;
+using VelaHost_Utility::Exception;
+
+constexpr const char* s_File = "src/unix/OSProcessMutex";
+constexpr Exception::Context s_CreateFileSite(nullptr, s_File, 132, DefaultExceptionLogger);
+constexpr Exception::Context s_MakeKeySite(nullptr, s_File, 141, DefaultExceptionLogger);
+constexpr Exception::Context s_GetSemaphoreSite(nullptr, s_File, 146, DefaultExceptionLogger);
+constexpr Exception::Context s_SetSemaphoreSite(nullptr, s_File, 155, DefaultExceptionLogger);
+constexpr Exception::Context s_ReopenFileSite(nullptr, s_File, 178, DefaultExceptionLogger);
+constexpr Exception::Context s_RemoveSemaphoreSite(nullptr, s_File, 189, DefaultExceptionLogger);
+
+constexpr int s_KeyProject = 0;
+constexpr unsigned int s_ReadyPollMilliseconds = 500;
+constexpr char s_ReadyMark = 1;
+
+/// What `semctl` takes last; the C library leaves its declaration to the caller.
+union SemaphoreArgument {
+    int value;
+    semid_ds* state;
+    unsigned short* values;
+};
+
+/// Lets files have exactly the permissions that they are created with.
+class OpenCreationMask
+{
+public:
+    OpenCreationMask() : m_Saved(umask(0)) {}
+    OpenCreationMask(const OpenCreationMask&) = delete;
+    OpenCreationMask& operator=(const OpenCreationMask&) = delete;
+    ~OpenCreationMask() { umask(m_Saved); }
+
+private:
+    mode_t m_Saved;
+};
+
+/// Closes its descriptor also when the thread is cancelled.
+class ScopedDescriptor
+{
+public:
+    explicit ScopedDescriptor(int fd) : m_Fd(fd) {}
+    ScopedDescriptor(const ScopedDescriptor&) = delete;
+    ScopedDescriptor& operator=(const ScopedDescriptor&) = delete;
+    ~ScopedDescriptor() { close(m_Fd); }
+
+    int Get() const { return m_Fd; }
+
+private:
+    int m_Fd;
+};
+
+std::string MakePath(const char* name)
+{
+    const char* directory = FindInstallDirectory();
+    std::string path = directory != nullptr ? std::string(directory) + "/temp/" : "/tmp/";
+    return path += name;
+}
+
+/// The kernel takes the change back when the process dies.
+void ChangeSemaphore(int semaphoreId, short change)
+{
+    sembuf operation{};
+    operation.sem_num = 0;
+    operation.sem_op = change;
+    operation.sem_flg = SEM_UNDO;
+    CheckErrno(semop(semaphoreId, &operation, 1));
+}
+
+} // namespace
+
+ProcessMutex::ProcessMutex(const char* name)
+    : m_SemaphoreId(-1), m_Path(MakePath(name)), m_Created(true), m_Fd(-1)
+{
+    sigfillset(&m_BlockedSignals);
+    sigemptyset(&m_SavedSignals);
+}
+
+ProcessMutex::~ProcessMutex()
+{
+    CloseLockFile();
+}
+
+int ProcessMutex::Init()
+{
+    const mode_t permissions = CreateLockFile();
+    const key_t key = ftok(m_Path.c_str(), s_KeyProject);
+    CheckErrno(key, s_MakeKeySite);
+    m_SemaphoreId = semget(key, 1, static_cast<int>(permissions) | IPC_CREAT);
+    CheckErrno(m_SemaphoreId, s_GetSemaphoreSite);
+    if (!m_Created) {
+        WaitForReadyMark();
+        return -1;
+    }
+    SemaphoreArgument argument{};
+    argument.value = 1;
+    CheckErrno(semctl(m_SemaphoreId, 0, SETVAL, argument), s_SetSemaphoreSite);
+    [[maybe_unused]] const ssize_t untested = write(m_Fd, &s_ReadyMark, sizeof s_ReadyMark);
+    return 0;
+}
+
+int ProcessMutex::Lock()
+{
+    sigprocmask(SIG_SETMASK, &m_BlockedSignals, &m_SavedSignals);
+    ChangeSemaphore(m_SemaphoreId, -1);
+    return 0;
+}
+
+int ProcessMutex::Unlock()
+{
+    ChangeSemaphore(m_SemaphoreId, 1);
+    sigprocmask(SIG_SETMASK, &m_SavedSignals, nullptr);
+    return 0;
+}
+
+int ProcessMutex::Delete()
+{
+    CheckErrno(semctl(m_SemaphoreId, 0, IPC_RMID), s_RemoveSemaphoreSite);
+    m_SemaphoreId = -1;
+    CloseLockFile();
+    return unlink(m_Path.c_str());
+}
+
+mode_t ProcessMutex::CreateLockFile()
+{
+    CloseLockFile();
+    const OpenCreationMask mask;
+    const mode_t permissions = GetSharedFilePermissions();
+    m_Fd = open(m_Path.c_str(), O_WRONLY | O_CREAT | O_EXCL, permissions);
+    if (m_Fd == -1 && errno != EEXIST) {
+        ThrowSystemError(s_CreateFileSite);
+    }
+    m_Created = m_Fd != -1;
+    return permissions;
+}
+
+void ProcessMutex::WaitForReadyMark() const
+{
+    const int fd = open(m_Path.c_str(), O_RDONLY);
+    CheckErrno(fd, s_ReopenFileSite);
+    const ScopedDescriptor file(fd);
+    char mark = 0;
+    while (read(file.Get(), &mark, sizeof mark) != sizeof mark) {
+        SleepMilliseconds(s_ReadyPollMilliseconds);
+    }
+}
+
+void ProcessMutex::CloseLockFile()
+{
+    // Descriptor 0 is never closed here: it may be anybody's standard input.
+    if (m_Fd > 0) {
+        close(m_Fd);
+    }
+    m_Fd = -1;
+}
+
+} // namespace VelaHost_OS
