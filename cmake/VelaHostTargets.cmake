@@ -33,6 +33,10 @@ endfunction()
 function(velahost_test name)
     add_executable(${name} ${ARGN})
     velahost_configure_target(${name})
+    if(VELAHOST_SANITIZE)
+        # Optimising instrumented test code takes longer than running it.
+        target_compile_options(${name} PRIVATE -O0)
+    endif()
     target_link_libraries(${name} PRIVATE velahost velahost_test_support GTest::gmock_main)
     gtest_discover_tests(${name}
         DISCOVERY_TIMEOUT 60
