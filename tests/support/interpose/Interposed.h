@@ -8,6 +8,8 @@
 #include <sys/msg.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
+#include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 
 namespace velahost_test {
@@ -71,5 +73,18 @@ extern Interposed<int(int, int, int, SemaphoreArgument)> semctl;
 
 // Signal.cpp
 extern Interposed<int(int, const sigset_t*, sigset_t*)> sigprocmask;
+// Socket.cpp
+extern Interposed<int(int, int, int)> socket;
+extern Interposed<int(int, int, int, const void*, socklen_t)> setsockopt;
+extern Interposed<int(int, const sockaddr*, socklen_t)> bind;
+extern Interposed<int(int, int)> listen;
+extern Interposed<int(int, sockaddr*, socklen_t*)> accept;
+extern Interposed<int(int, const sockaddr*, socklen_t)> connect;
+extern Interposed<ssize_t(int, const void*, std::size_t, int)> send;
+extern Interposed<ssize_t(int, void*, std::size_t, int)> recv;
+extern Interposed<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
+extern Interposed<int(int, int, void*)> fcntl;
+extern Interposed<int(int)> close;
+extern Interposed<int(int, const char*, void*)> inet_pton;
 
 } // namespace velahost_test::interposed
