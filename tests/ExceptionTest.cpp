@@ -369,10 +369,11 @@ TEST(FormattedDetail, ExpandsAllItsArguments)
 
 TEST(FormattedDetail, ShowsTheErrnoOfItsConstruction)
 {
-    const std::string format = "%m"; // NOLINT: which the compiler would call a GNU extension
+    // Not a literal: the compiler would call it an extension.
+    const std::string format = "%m %d";
     errno = ENOENT;
-    const BadStateException e(s_Recorded, format.c_str());
-    EXPECT_EQ(e.GetText(), std::string("BadStateException(") + std::strerror(ENOENT) + ")");
+    const BadStateException e(s_Recorded, format.c_str(), 5);
+    EXPECT_EQ(e.GetText(), std::string("BadStateException(") + std::strerror(ENOENT) + " 5)");
 }
 
 TEST(FormattedDetail, IsCutAtACharacterThatCannotBeConverted)

@@ -88,7 +88,7 @@ TEST(AllocationBalance, CountsWhatIsNotFreed)
     void* first = ::operator new(1);
     void* second = ::operator new[](1);
     EXPECT_EQ(balance.GetLiveCount(), 2);
-    ::operator delete(first, 1);
+    ::operator delete(first);
     EXPECT_EQ(balance.GetLiveCount(), 1);
     ::operator delete[](second);
     ::operator delete(nullptr);

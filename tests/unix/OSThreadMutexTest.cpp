@@ -444,14 +444,15 @@ TEST(ThreadMutexMemory, IsKeptWhenTheDestroyFails)
     auto* mutex = new ThreadMutex;
     const WatchedBlock watch(mutex);
     const CallCounter destroys("pthread_mutex_destroy");
+    ThreadMutexImage& image = ImageOf(*mutex);
     mutex->Lock();
     errno = 0;
     EXPECT_TRUE(Throws<SystemException>([&] { delete mutex; }, SystemFailure(0)));
     EXPECT_EQ(destroys.GetCallCount(), 1U);
     EXPECT_EQ(watch.GetFreeCount(), 0U);
-    EXPECT_EQ(mutex->GetMagic(), 0xDEADU);
-    mutex->Unlock();
-    EXPECT_EQ(pthread_mutex_destroy(&ImageOf(*mutex).mutex), 0);
+    EXPECT_EQ(image.magic, 0xDEADU);
+    EXPECT_EQ(pthread_mutex_unlock(&image.mutex), 0) << "it is still the mutex that it was";
+    EXPECT_EQ(pthread_mutex_destroy(&image.mutex), 0);
 }
 
 TEST(ThreadMutexMemory, GoesThroughTheDeletingSlot)
@@ -465,12 +466,14 @@ TEST(ThreadMutexMemory, GoesThroughTheDeletingSlot)
         EXPECT_TRUE(Throws<SystemException>([&] { CallVirtualSlot(mutex, 0); }, SystemFailure(0)));
         EXPECT_EQ(watch.GetFreeCount(), 0U);
     }
+    new (mutex) ThreadMutex;
     {
         const FailingCall destroy("pthread_mutex_destroy", EBUSY);
         errno = 0;
         EXPECT_TRUE(Throws<SystemException>([&] { CallVirtualSlot(mutex, 1); }, SystemFailure(0)));
         EXPECT_EQ(watch.GetFreeCount(), 0U);
     }
+    new (mutex) ThreadMutex;
     CallVirtualSlot(mutex, 0);
     EXPECT_EQ(watch.GetFreeCount(), 0U);
     new (mutex) ThreadMutex;

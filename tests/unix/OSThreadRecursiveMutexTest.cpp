@@ -253,6 +253,7 @@ TEST(ThreadRecursiveMutexMemory, GoesThroughTheDeletingSlot)
         EXPECT_TRUE(Throws<SystemException>([&] { CallVirtualSlot(mutex, 1); }, SystemFailure(0)));
         EXPECT_EQ(watch.GetFreeCount(), 0U);
     }
+    new (mutex) ThreadRecursiveMutex;
     CallVirtualSlot(mutex, 0);
     EXPECT_EQ(watch.GetFreeCount(), 0U);
     new (mutex) ThreadRecursiveMutex;
