@@ -117,7 +117,7 @@ std::string Format(const char* format, std::uint64_t number)
 TEST(ReadNumber, EqualsStreamExtractionAroundEveryLimit)
 {
     Comparison comparison;
-    const std::vector<std::string> before{"", " ", "\t\v\f\r\n ", "x", "\""};
+    const std::vector<std::string> before{"", " \t\v\f\r\n"};
     const std::vector<std::string> signs{"", "+", "-", "+-", "- "};
     const std::vector<std::string> prefixes{"", "0", "00", "0x", "0X", "0x0", "00x"};
     const std::vector<std::string> after{"", " ", "\r", "#", "g", "8", "9", "f", " 5", "."};
@@ -143,7 +143,7 @@ TEST(ReadNumber, EqualsStreamExtractionAroundEveryLimit)
             }
         }
     }
-    EXPECT_GT(comparison.GetCount(), 400'000U);
+    EXPECT_GT(comparison.GetCount(), 150'000U);
 }
 
 TEST(ReadNumber, EqualsStreamExtractionForRandomTexts)
@@ -153,7 +153,7 @@ TEST(ReadNumber, EqualsStreamExtractionForRandomTexts)
     const auto pick = [&random](std::size_t count) { return random() % count; };
     const std::array<std::string, 3> digits{"0123456789", "01234567", "0123456789abcdefABCDEF"};
     const std::array<std::string, 8> starts{"", "", "", "0", "0x", "-", "-0x", " +"};
-    for (int i = 0; i < 1'000'000 && !comparison.HasDiffered(); ++i) {
+    for (int i = 0; i < 300'000 && !comparison.HasDiffered(); ++i) {
         std::string text = starts[pick(starts.size())];
         const std::string& alphabet = digits[pick(digits.size())];
         for (std::size_t length = pick(14); length > 0; --length) {

@@ -79,6 +79,7 @@ private:
 ///
 /// A store is not locked: one thread fills it, and any number may read it after that. Running out
 /// of memory leaves every operation as `std::bad_alloc`, nothing leaks and no entry is half made.
+/// No text given to it may be null, except to `SetLastError`.
 class VELAHOST_EXPORT Properties
 {
 public:

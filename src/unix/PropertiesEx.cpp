@@ -34,10 +34,9 @@ constexpr Exception::Context s_MissingBracketSite = Site(113);
 template <typename Element>
 Element* At(std::vector<Element>& elements, int index)
 {
-    if (index < 0 || static_cast<std::size_t>(index) >= elements.size()) {
-        return nullptr;
-    }
-    return &elements[static_cast<std::size_t>(index)];
+    // A negative index becomes one beyond any size.
+    const auto position = static_cast<std::size_t>(index);
+    return position < elements.size() ? &elements[position] : nullptr;
 }
 
 /// The sections of one load: at most one is open.
@@ -82,7 +81,7 @@ private:
             m_Reader.Fail("Section not allowed within another section", s_NestedSite);
         }
         std::string arguments;
-        if (typeEnd != std::string::npos && line[typeEnd] != '>') {
+        if (typeEnd != std::string::npos) {
             const std::size_t bracket = line.find('>', typeEnd);
             if (bracket == std::string::npos) {
                 m_Reader.Fail("Invalid syntax (missing closing > sign)", s_MissingBracketSite);

@@ -214,6 +214,7 @@ TEST(SectionedLoad, OpensWithOrWithoutArguments)
              Case{"<Board 1>", {"1"}},
              Case{"<Board\t1\t2 >", {"1", "2"}},
              Case{"<Board  1 \t 2>3", {"1", "2"}},
+             Case{"<Board 1>2>", {"1"}},
              Case{"<Board \"left slot\">", {"\"left", "slot\""}},
              Case{"<Board <1>", {"<1"}},
              Case{"<Board a=1 # b>", {"a=1", "#", "b"}},
