@@ -8,6 +8,7 @@
 #include <cstring>
 #include <exception>
 #include <stdexcept>
+#include <sys/msg.h>
 #include <unistd.h>
 
 namespace velahost_test {
@@ -76,6 +77,7 @@ int RunEchoClient(int queueId, int messageCount, const std::function<void(int)>&
         return 0;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "echo client %d: %s\n", static_cast<int>(getpid()), e.what());
+        msgctl(queueId, IPC_RMID, nullptr);
         return 1;
     }
 }

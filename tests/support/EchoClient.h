@@ -12,8 +12,8 @@ inline constexpr unsigned int s_EchoCategory = 5;
 /// A client of a queue transport that doesn't use the library: connects under this process's id,
 /// sends `messageCount` messages of all lengths, a few at a time, checks that each comes back byte
 /// for byte and in order, with the 4 zero bytes behind it, and disconnects. `connected` is called
-/// with the connection's id before the first message. Returns 0, or says on standard error what
-/// went wrong and returns 1.
+/// with the connection's id before the first message. Returns 0; or says on standard error what
+/// went wrong, removes the queue, so that nobody goes on waiting for this client, and returns 1.
 int RunEchoClient(
     int queueId, int messageCount, const std::function<void(int)>& connected = [](int) {});
 

@@ -557,7 +557,7 @@ TEST_F(IpcMsgQueueTransportControl, IgnoresCode6WithoutALine)
     EXPECT_EQ(m_Raw.GetMessageCount(), 0U);
 }
 
-TEST_F(IpcMsgQueueTransportControl, TakesBytesThatAShortMessageLacksForZero)
+TEST_F(IpcMsgQueueTransportControl, CompletesAShortMessageWithWhatTravelsBehindItThenZero)
 {
     ASSERT_EQ(Connect(4001), 1);
     m_Log.Take();
@@ -575,6 +575,10 @@ TEST_F(IpcMsgQueueTransportControl, TakesBytesThatAShortMessageLacksForZero)
     EXPECT_THAT(m_Log.Take(),
                 ElementsAre(Received(1, 0, ""), LogCall::Error("Unexpected Ctrl message: 0")));
     EXPECT_FALSE(m_Manager.GetConnection(1)->IsFree());
+
+    m_Raw.Send(1, std::string("\0\0\1\0", 4) + disconnect);
+    EXPECT_EQ(Run(), "");
+    EXPECT_EQ(m_Log.Take().back(), LogCall::Debug("Connection 1 cleared"));
 }
 
 TEST_F(IpcMsgQueueTransportControl, ReadsARecordAtAnyAlignmentWhateverItsLength)
@@ -790,6 +794,19 @@ TEST_F(IpcMsgQueueTransportDisconnect, KeepsTheConnectionWhenTheReplyCannotBeSen
     EXPECT_EQ(m_Manager.GetConnection(1)->pid, 4001);
 }
 
+TEST_F(IpcMsgQueueTransportDisconnect, KeepsTheConnectionWhenAHandlerThrows)
+{
+    ASSERT_EQ(Connect(4001), 1);
+    m_Manager.RegisterHandler(&m_Handler, 0);
+    m_Handler.m_OnClose = [](int) { throw IpcMsgException(s_QueueSendFailed); };
+    Handler second;
+    second.m_OnClose = [](int id) { FAIL() << id; };
+    m_Manager.RegisterHandler(&second, 2);
+    EXPECT_EQ(Request(3, 0, 1), s_SendFailedLine);
+    EXPECT_EQ(m_Log.Take().back(), RunFailed(0));
+    EXPECT_EQ(m_Manager.GetConnection(1)->pid, 4001);
+}
+
 // Processes
 
 /// Sends every message back to its client, and keeps the numbers that each client sent.
@@ -823,10 +840,17 @@ struct IpcMsgQueueTransportProcesses : Server
 {
     IpcMsgQueueTransportProcesses() { m_Manager.RegisterHandler(&m_Echo, s_EchoCategory); }
 
+    /// Throws when a client has failed and so removed the queue.
+    void Serve()
+    {
+        m_Transport.Run();
+        m_Raw.GetState();
+    }
+
     void ServeUntilClosed(std::size_t connections)
     {
         while (m_Echo.m_Closed.size() < connections) {
-            m_Transport.Run();
+            Serve();
         }
     }
 
@@ -876,7 +900,7 @@ TEST_F(IpcMsgQueueTransportProcesses, TwentyClientsAtOnceAreServed)
         }));
     }
     for (int i = 0; i < clientCount; ++i) {
-        m_Transport.Run();
+        Serve();
     }
     std::vector<int> pids;
     for (const Connection* connection : m_Manager.connections) {
