@@ -1,6 +1,5 @@
 #include <VelaHost_Utility/Timer.h>
 
-#include "DestroyingDelete.h"
 #include "TextFormat.h"
 
 namespace VelaHost_Utility {
@@ -30,12 +29,15 @@ Timer::Timer(unsigned int interval, Handler* handler, bool periodic)
 
 Timer::~Timer() noexcept(false)
 {
-    Stop();
-}
-
-void Timer::operator delete(Timer* timer, std::destroying_delete_t) noexcept(false)
-{
-    DestroyThenFree(timer);
+    try {
+        Stop();
+    } catch (...) {
+        // Not even the lock could be had: the request stays, but must not find this timer.
+        if (m_Running) {
+            m_Request->m_Handler = nullptr;
+        }
+        throw;
+    }
 }
 
 void Timer::Start()

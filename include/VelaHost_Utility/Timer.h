@@ -5,8 +5,6 @@
 #include <VelaHost_Utility/Export.h>
 #include <VelaHost_Utility/RefCount.h>
 
-#include <new>
-
 namespace VelaHost_Utility {
 
 /// A timer used the wrong way. Code 0x2004, text "TimerException(Sys=0xHEX)".
@@ -34,11 +32,13 @@ public:
 class VELAHOST_EXPORT Timer : private VelaHost_OS::TimerService::ReqHandler, public virtual RefCount
 {
 public:
-    /// What a timer calls.
+    /// What a timer calls. The destructor may throw, so that a handler can have timers among its
+    /// members; one that also derives from a class whose destructor may not throw declares its own
+    /// `noexcept`.
     class VELAHOST_EXPORT Handler
     {
     public:
-        virtual ~Handler() = default;
+        virtual ~Handler() noexcept(false) = default;
         /// `timer` fired. A one-shot timer is already stopped and may be started again; a periodic
         /// one is already waiting for its next firing.
         virtual void OnTimer(Timer* timer) = 0;
@@ -50,9 +50,8 @@ public:
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 
-    /// Stops the timer. Where that throws, the memory of a heap object is not freed (see
-    /// docs/limits.md for derived classes). A derived class whose handler uses its members stops
-    /// the timer in its own destructor.
+    /// Stops the timer. Where that throws, the handler is not called any more all the same. A
+    /// derived class whose handler uses its members stops the timer in its own destructor.
     ~Timer() noexcept(false) override;
 
     /// Fires one interval from now and, if periodic, every interval from then on, each measured
@@ -78,11 +77,6 @@ public:
 
     unsigned int GetInterval() const { return m_Interval; }
     bool IsPeriodic() const { return m_Periodic; }
-
-#ifdef __cpp_lib_destroying_delete
-    /// Frees the memory only after the destructor has returned; lets its exception out.
-    void operator delete(Timer* timer, std::destroying_delete_t) noexcept(false);
-#endif
 
 private:
     const unsigned int m_Interval;

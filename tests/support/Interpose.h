@@ -145,8 +145,8 @@ private:
     FailureStyle m_Style;
     std::atomic<void*> m_Real{nullptr};
     std::atomic<const HookFunction*> m_Hook{nullptr};
-    // Hooks that were taken away: another thread may still be inside one.
-    std::vector<std::unique_ptr<const HookFunction>> m_Retired;
+    // Hooks that were taken away, never freed: another thread may still be inside one, at exit too.
+    std::vector<const HookFunction*>* m_Retired = nullptr;
 };
 
 /// While it lives, every call of the function, on any thread, goes to `action` first: a value is
@@ -161,8 +161,11 @@ public:
         : m_Function(function)
     {
         using HookFunction = typename Interposed<Signature>::HookFunction;
-        m_Function.m_Retired.push_back(std::make_unique<const HookFunction>(std::move(action)));
-        m_Function.m_Hook.store(m_Function.m_Retired.back().get(), std::memory_order_release);
+        if (m_Function.m_Retired == nullptr) {
+            m_Function.m_Retired = new std::vector<const HookFunction*>;
+        }
+        m_Function.m_Retired->push_back(new HookFunction(std::move(action)));
+        m_Function.m_Hook.store(m_Function.m_Retired->back(), std::memory_order_release);
     }
     Hook(const Hook&) = delete;
     Hook& operator=(const Hook&) = delete;
