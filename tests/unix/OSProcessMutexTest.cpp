@@ -66,13 +66,6 @@ std::string ReadFile(const std::string& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-std::string NumberAsOctal(mode_t mode)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0%o", mode);
-    return text;
-}
-
 sigset_t CurrentSignalMask()
 {
     sigset_t mask;
@@ -402,8 +395,7 @@ class ProcessMutexPermissions : public ProcessMutexTest,
                                 public testing::WithParamInterface<PermissionRow>
 {};
 
-INSTANTIATE_TEST_SUITE_P(Rows, ProcessMutexPermissions, testing::ValuesIn(s_PermissionRows),
-                         [](const auto& row) { return NumberAsOctal(row.param.directory); });
+INSTANTIATE_TEST_SUITE_P(Rows, ProcessMutexPermissions, testing::ValuesIn(s_PermissionRows));
 
 TEST_P(ProcessMutexPermissions, AreTheInstallDirectorysWhateverTheMask)
 {
@@ -431,6 +423,11 @@ struct DefaultDirectoryRow
     std::optional<mode_t> directory;
     mode_t file;
 };
+
+void PrintTo(const DefaultDirectoryRow& row, std::ostream* out)
+{
+    *out << (row.directory ? "exists" : "is missing");
+}
 
 class ProcessMutexDefaultDirectory : public ProcessMutexTest,
                                      public testing::WithParamInterface<DefaultDirectoryRow>
