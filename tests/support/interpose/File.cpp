@@ -93,8 +93,8 @@ int stat64(const char* path, struct stat64* status) noexcept
     return interposed::stat64.Call(path, status);
 }
 
-[[gnu::no_sanitize("thread")]] void* mmap(void* hint, std::size_t length, int protection, int flags,
-                                          int fd, off_t offset) noexcept
+[[gnu::no_sanitize_thread]] void* mmap(void* hint, std::size_t length, int protection, int flags,
+                                       int fd, off_t offset) noexcept
 {
     if (!interposed::s_Started) {
         void* real = dlsym(RTLD_NEXT, "mmap");
