@@ -1,5 +1,6 @@
 #include "InstallDirectory.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
@@ -46,6 +47,13 @@ void InstallDirectory::SetMode(mode_t mode) const
     if (chmod(GetPath().c_str(), mode) != 0) {
         throw std::runtime_error("can't change the mode of " + GetPath());
     }
+}
+
+std::ostream& operator<<(std::ostream& out, const PermissionRow& row)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "0%o to 0%o", row.directory, row.file);
+    return out << text;
 }
 
 } // namespace velahost_test

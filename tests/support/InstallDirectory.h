@@ -4,6 +4,7 @@
 
 #include <array>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <sys/types.h>
 
@@ -47,6 +48,8 @@ struct PermissionRow
     mode_t directory;
     mode_t file;
 };
+
+std::ostream& operator<<(std::ostream& out, const PermissionRow& row);
 
 inline constexpr std::array s_PermissionRows{
     PermissionRow{0755, 0644},  PermissionRow{0700, 0600}, PermissionRow{0770, 0660},

@@ -66,13 +66,6 @@ std::string ReadFile(const std::string& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-std::string NumberAsOctal(mode_t mode)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0%o", mode);
-    return text;
-}
-
 sigset_t CurrentSignalMask()
 {
     sigset_t mask;
@@ -402,8 +395,7 @@ class ProcessMutexPermissions : public ProcessMutexTest,
                                 public testing::WithParamInterface<PermissionRow>
 {};
 
-INSTANTIATE_TEST_SUITE_P(Rows, ProcessMutexPermissions, testing::ValuesIn(s_PermissionRows),
-                         [](const auto& row) { return NumberAsOctal(row.param.directory); });
+INSTANTIATE_TEST_SUITE_P(Rows, ProcessMutexPermissions, testing::ValuesIn(s_PermissionRows));
 
 TEST_P(ProcessMutexPermissions, AreTheInstallDirectorysWhateverTheMask)
 {
@@ -431,6 +423,11 @@ struct DefaultDirectoryRow
     std::optional<mode_t> directory;
     mode_t file;
 };
+
+void PrintTo(const DefaultDirectoryRow& row, std::ostream* out)
+{
+    *out << (row.directory ? "exists" : "is missing");
+}
 
 class ProcessMutexDefaultDirectory : public ProcessMutexTest,
                                      public testing::WithParamInterface<DefaultDirectoryRow>
@@ -484,17 +481,21 @@ TEST_F(ProcessMutexInit, HasNoCreationMaskWhileItCreates)
     EXPECT_EQ(GetCreationMask(), 0177U);
 }
 
-TEST_F(ProcessMutexInit, CreatesTheFileExclusivelyForWriting)
+TEST_F(ProcessMutexInit, CreatesTheFileExclusivelyAndAttachesWithoutWriting)
 {
-    int flags = 0;
-    {
-        const Hook open(interposed::open, [&](const char*, int openFlags, mode_t) {
-            flags = openFlags;
-            return std::nullopt;
-        });
-        ASSERT_EQ(ProcessMutex(s_Name).Init(), 0);
-    }
-    EXPECT_EQ(flags, O_WRONLY | O_CREAT | O_EXCL);
+    std::vector<int> flags;
+    const Hook open(interposed::open, [&](const char* path, int openFlags, mode_t) {
+        EXPECT_EQ(path, m_Place.File());
+        flags.push_back(openFlags);
+        return std::nullopt;
+    });
+    constexpr int create = O_WRONLY | O_CREAT | O_EXCL;
+    ProcessMutex creator(s_Name);
+    ASSERT_EQ(creator.Init(), 0);
+    EXPECT_THAT(flags, testing::ElementsAre(create));
+    ProcessMutex other(s_Name);
+    ASSERT_EQ(other.Init(), -1);
+    EXPECT_THAT(flags, testing::ElementsAre(create, create, O_RDONLY));
 }
 
 /// A system call of `Init`, when it is made to fail, and the line that its failure carries.
@@ -1292,13 +1293,24 @@ TEST_F(ProcessMutexDelete, ThrowsWhenTheSemaphoreCannotBeRemoved)
     EXPECT_EQ(mutex.Delete(), 0);
 }
 
-TEST_F(ProcessMutexDelete, ThrowsTheSecondTime)
+TEST_F(ProcessMutexDelete, ForgetsTheSemaphore)
 {
     ProcessMutex mutex(s_Name);
     mutex.Init();
     mutex.Delete();
+    // The system may give the old number to a stranger.
+    std::vector<int> used;
+    const Hook semop(interposed::semop, [&](int semaphore, sembuf*, std::size_t) {
+        used.push_back(semaphore);
+        return std::nullopt;
+    });
+    const Hook semctl(interposed::semctl, [&](int semaphore, int, int, SemaphoreArgument) {
+        used.push_back(semaphore);
+        return std::nullopt;
+    });
     EXPECT_TRUE(Throws<SystemException>([&] { mutex.Delete(); }, MutexFailure(189, EINVAL)));
     EXPECT_TRUE(Throws<SystemException>([&] { mutex.Lock(); }, SystemFailure(EINVAL)));
+    EXPECT_THAT(used, testing::ElementsAre(-1, -1));
 }
 
 TEST_F(ProcessMutexDelete, BeforeInitFailsAndTouchesNothing)

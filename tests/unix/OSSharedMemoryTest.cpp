@@ -269,12 +269,7 @@ class SharedMemoryPermissions : public SharedMemoryTest,
                                 public testing::WithParamInterface<PermissionRow>
 {};
 
-INSTANTIATE_TEST_SUITE_P(Rows, SharedMemoryPermissions, testing::ValuesIn(s_PermissionRows),
-                         [](const auto& row) {
-                             char name[16];
-                             std::snprintf(name, sizeof name, "0%o", row.param.directory);
-                             return std::string(name);
-                         });
+INSTANTIATE_TEST_SUITE_P(Rows, SharedMemoryPermissions, testing::ValuesIn(s_PermissionRows));
 
 TEST_P(SharedMemoryPermissions, AreTheInstallDirectorysWhateverTheMask)
 {

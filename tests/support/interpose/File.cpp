@@ -1,6 +1,7 @@
 #include "support/interpose/Interposed.h"
 
 #include <cstdarg>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -25,6 +26,14 @@ constinit Interposed<int(void*, std::size_t)> munmap("munmap", FailureStyle::Min
 
 static const Registration s_Registration{&open,   &read,  &write,  &lseek, &fsync, &close,
                                          &unlink, &umask, &stat64, &mmap,  &munmap};
+
+// ThreadSanitizer maps memory for itself before instrumented code may run.
+static bool s_Started = false;
+
+[[gnu::constructor]] static void Start()
+{
+    s_Started = true;
+}
 
 } // namespace velahost_test::interposed
 
@@ -84,8 +93,13 @@ int stat64(const char* path, struct stat64* status) noexcept
     return interposed::stat64.Call(path, status);
 }
 
-void* mmap(void* hint, std::size_t length, int protection, int flags, int fd, off_t offset) noexcept
+[[gnu::no_sanitize_thread]] void* mmap(void* hint, std::size_t length, int protection, int flags,
+                                       int fd, off_t offset) noexcept
 {
+    if (!interposed::s_Started) {
+        void* real = dlsym(RTLD_NEXT, "mmap");
+        return reinterpret_cast<decltype(mmap)*>(real)(hint, length, protection, flags, fd, offset);
+    }
     return interposed::mmap.Call(hint, length, protection, flags, fd, offset);
 }
 
