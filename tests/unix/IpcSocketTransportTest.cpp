@@ -16,6 +16,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
@@ -1043,18 +1044,23 @@ TEST_F(Transport, ServesTheHighestDescriptorThatSelectCanHold)
     EXPECT_THAT(m_Handler.messages, SizeIs(1));
 }
 
-TEST(IpcSocketTransportAccept, CountsDescriptorZeroAsAFailure)
+TEST(IpcSocketTransportAccept, CountsDescriptorZeroAsAFailureButServesIt)
 {
     // In a process of its own, which can do without its standard input.
     ChildProcess child([] {
         RecordingLogAdapter log;
+        RecordingHandler handler;
         SocketService service(&log, nullptr);
+        service.manager.RegisterHandler(&handler, s_Category);
         const Descriptor client = ConnectTo(service.GetPort());
         close(STDIN_FILENO);
         service.transport.Run();
-        const bool reported = log.GetCalls().back() ==
-                              LogCall::Error("Exception caught in Run(): IpcSocketException");
-        return reported && service.GetSock(1) == 0 ? 0 : 1;
+        if (log.GetCalls().back() !=
+            LogCall::Error("Exception caught in Run(): IpcSocketException")) {
+            return 1;
+        }
+        service.Deliver(client, 1, Frame(s_Category, "x"));
+        return service.GetSock(1) == 0 && handler.messages.size() == 1 ? 0 : 2;
     });
     EXPECT_EQ(child.WaitForExitStatus(), 0);
 }
@@ -1171,6 +1177,40 @@ TEST_F(Transport, TakesAPartialSendForASuccess)
     Hook hook(interposed::send, [](int, const void*, std::size_t, int) { return 1; });
     IpcMsgBuf message{};
     EXPECT_TRUE(m_Transport.SendMsg(m_Service->Get(1), 7, message, 100));
+}
+
+/// Bytes as the documentation writes them.
+std::string FromHexadecimal(std::string_view dump)
+{
+    std::string bytes;
+    for (std::size_t i = 0; i + 1 < dump.size(); ++i) {
+        if (std::isxdigit(static_cast<unsigned char>(dump[i])) != 0) {
+            bytes += static_cast<char>(std::stoi(std::string(dump.substr(i, 2)), nullptr, 16));
+            ++i;
+        }
+    }
+    return bytes;
+}
+
+TEST_F(Transport, ExchangesWhatTheDocumentationShows)
+{
+    const std::string hello = FromHexadecimal("0d 00 00 00 | 00 00 | 05 00 | 68 65 6c 6c 6f");
+    const std::string helloBack = FromHexadecimal("0d 00 00 00 | 01 00 | 05 00 | 68 65 6c 6c 6f");
+    const std::string empty = FromHexadecimal("08 00 00 00 | 00 00 | 05 00");
+    const std::string bye = FromHexadecimal("0b 00 00 00 | 00 00 | 05 00 | 62 79 65");
+    const std::string bothBack =
+        FromHexadecimal("08 00 00 00 | 01 00 | 05 00   0b 00 00 00 | 01 00 | 05 00 | 62 79 65");
+    m_Handler.onMessage = [&](IpcMsgBuf& msg, int length) {
+        auto& connection = m_Service->Get(msg.connection);
+        EXPECT_TRUE(m_Transport.SendMsg(connection, msg.category, msg, length));
+    };
+    const Descriptor client = Connect();
+    Deliver(client, 1, hello);
+    EXPECT_EQ(ReadExactly(client.Get(), helloBack.size()), helloBack);
+    Deliver(client, 1, empty);
+    EXPECT_EQ(BytesWaiting(client.Get()), 0U);
+    Deliver(client, 1, bye);
+    EXPECT_EQ(ReadExactly(client.Get(), bothBack.size()), bothBack);
 }
 
 // --- Many clients ---------------------------------------------------------------------------

@@ -594,7 +594,7 @@ TEST(SocketConnect, TakesTextThatIsNoAddressForTheFreshAddress)
         OwnedSocket client;
         ASSERT_TRUE(client.create(AF_INET));
         errno = 0;
-        EXPECT_TRUE(client.connect(host, LocalPort(listener.GetSock()))) << host;
+        ASSERT_TRUE(client.connect(host, LocalPort(listener.GetSock()))) << host;
         EXPECT_EQ(InetAddress(client).sin_addr.s_addr, htonl(INADDR_ANY)) << host;
         OwnedSocket peer;
         EXPECT_TRUE(listener.accept(peer));
@@ -878,6 +878,7 @@ TEST_F(ConnectedSocket, ReportsARealReset)
 
 TEST_F(ConnectedSocket, RefusesToReceiveANegativeLength)
 {
+    m_Peer.Close();
     CallCounter calls("recv");
     CapturedStdout output;
     unsigned char buffer[4];
@@ -960,7 +961,7 @@ TEST(SocketRecv, WritesTheLineInOnePieceAtOnce)
 {
     // A pipe that keeps each write apart.
     int ends[2];
-    ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);
+    ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC | O_NONBLOCK), 0);
     const Descriptor readEnd(ends[0]);
     const Descriptor writeEnd(ends[1]);
     const CapturedStdout restored;
