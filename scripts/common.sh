@@ -49,9 +49,10 @@ prepare_machine() {
     fi
 }
 
-# build PRESET [CMAKE-OPTION...]
+# build PRESET [TARGET...]: everything unless targets are named.
 build() {
     local name=$1
     shift
-    cmake --preset "$name" "$@" >/dev/null && cmake --build --preset "$name" -- --quiet
+    cmake --preset "$name" >/dev/null &&
+        cmake --build --preset "$name" ${1:+--target "$@"} -- --quiet
 }
