@@ -21,6 +21,29 @@ int CurrentThread()
     return static_cast<int>(syscall(SYS_gettid));
 }
 
+bool IsInCLibrary(void* function)
+{
+    Dl_info where{};
+    Dl_info cLibrary{};
+    return dladdr(function, &where) != 0 &&
+           dladdr(reinterpret_cast<void*>(&dlvsym), &cLibrary) != 0 &&
+           where.dli_fbase == cLibrary.dli_fbase;
+}
+
+/// RTLD_NEXT prefers the version that the C library keeps for the oldest programs; this is the one
+/// that programs are linked with today. Newest first, where functions of several versions have
+/// their last one.
+void* CurrentVersion(const char* name, void* oldest)
+{
+    for (const char* version :
+         {"GLIBC_2.34", "GLIBC_2.28", "GLIBC_2.3.2", "GLIBC_2.2", "GLIBC_2.1"}) {
+        if (void* current = dlvsym(RTLD_NEXT, name, version)) {
+            return current;
+        }
+    }
+    return oldest;
+}
+
 [[noreturn]] void GiveUp(const char* problem, std::string_view name)
 {
     std::fprintf(stderr, "%s: %.*s\n", problem, static_cast<int>(name.size()), name.data());
@@ -64,11 +87,11 @@ int InterposedBase::NextError()
 
 void* InterposedBase::FindReal() const
 {
-    void* real = dlsym(RTLD_NEXT, m_Name);
-    if (real == nullptr) {
+    void* next = dlsym(RTLD_NEXT, m_Name);
+    if (next == nullptr) {
         GiveUp("no such function to forward to", m_Name);
     }
-    return real;
+    return IsInCLibrary(next) ? CurrentVersion(m_Name, next) : next;
 }
 
 bool& InterposedBase::InsideHook()

@@ -3,13 +3,14 @@
 #include "support/Interpose.h"
 
 #include <csignal>
+#include <cstdint>
 #include <ctime>
 #include <pthread.h>
 #include <sys/msg.h>
-#include <sys/sem.h>
-#include <sys/stat.h>
 #include <sys/select.h>
+#include <sys/sem.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 
 namespace velahost_test {
@@ -33,6 +34,7 @@ extern Interposed<std::tm*(const std::time_t*, std::tm*)> localtime_r;
 
 // DynamicLoading.cpp
 extern Interposed<void*(const char*, int)> dlopen;
+extern Interposed<int(void*)> dlclose;
 
 // File.cpp
 extern Interposed<int(const char*, int, mode_t)> open;
@@ -46,6 +48,13 @@ extern Interposed<mode_t(mode_t)> umask;
 extern Interposed<int(const char*, struct ::stat64*)> stat64;
 extern Interposed<void*(void*, std::size_t, int, int, int, off_t)> mmap;
 extern Interposed<int(void*, std::size_t)> munmap;
+
+// MessageQueue.cpp
+extern Interposed<key_t(const char*, int)> ftok;
+extern Interposed<int(key_t, int)> msgget;
+extern Interposed<int(int, int, msqid_ds*)> msgctl;
+extern Interposed<int(int, const void*, std::size_t, int)> msgsnd;
+extern Interposed<ssize_t(int, void*, std::size_t, long, int)> msgrcv;
 
 // Pthread.cpp
 extern Interposed<int(pthread_mutex_t*, const pthread_mutexattr_t*)> pthread_mutex_init;
@@ -61,6 +70,20 @@ extern Interposed<int(pthread_mutexattr_t*, int)> pthread_mutexattr_settype;
 extern Interposed<int(pthread_attr_t*)> pthread_attr_init;
 extern Interposed<int(pthread_attr_t*)> pthread_attr_destroy;
 
+// PthreadCondition.cpp
+extern Interposed<int(pthread_cond_t*, const pthread_condattr_t*)> pthread_cond_init;
+extern Interposed<int(pthread_cond_t*)> pthread_cond_destroy;
+extern Interposed<int(pthread_cond_t*)> pthread_cond_broadcast;
+extern Interposed<int(pthread_cond_t*, pthread_mutex_t*)> pthread_cond_wait;
+extern Interposed<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> pthread_cond_timedwait;
+
+// PthreadKey.cpp, absent under the thread sanitizer. A value is carried as a number: the platform's
+// header promises the compiler that nobody looks behind the pointer.
+extern Interposed<int(pthread_key_t*, void (*)(void*))> pthread_key_create;
+extern Interposed<int(pthread_key_t)> pthread_key_delete;
+extern Interposed<void*(pthread_key_t)> pthread_getspecific;
+extern Interposed<int(pthread_key_t, std::uintptr_t)> pthread_setspecific;
+
 // PthreadThread.cpp
 extern Interposed<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create;
 extern Interposed<int(pthread_t, void**)> pthread_join;
@@ -68,23 +91,6 @@ extern Interposed<int(pthread_t)> pthread_cancel;
 extern Interposed<int(pthread_t, int)> pthread_kill;
 extern Interposed<int(int, int*)> pthread_setcanceltype;
 
-// TimerThread.cpp
-extern Interposed<int(sigset_t*)> sigemptyset;
-extern Interposed<int(sigset_t*, int)> sigaddset;
-extern Interposed<int(int, const sigset_t*, sigset_t*)> pthread_sigmask;
-extern Interposed<int(const sigset_t*, siginfo_t*, const timespec*)> sigtimedwait;
-extern Interposed<int(pthread_attr_t*, int)> pthread_attr_setscope;
-extern Interposed<int(pthread_t, const char*)> pthread_setname_np;
-
-// MessageQueue.cpp
-extern Interposed<key_t(const char*, int)> ftok;
-extern Interposed<int(key_t, int)> msgget;
-extern Interposed<int(int, int, msqid_ds*)> msgctl;
-extern Interposed<int(int, const void*, std::size_t, int)> msgsnd;
-extern Interposed<ssize_t(int, void*, std::size_t, long, int)> msgrcv;
-
-// System.cpp
-extern Interposed<long(int)> sysconf;
 // Semaphore.cpp
 extern Interposed<int(key_t, int, int)> semget;
 extern Interposed<int(int, sembuf*, std::size_t)> semop;
@@ -92,6 +98,7 @@ extern Interposed<int(int, int, int, SemaphoreArgument)> semctl;
 
 // Signal.cpp
 extern Interposed<int(int, const sigset_t*, sigset_t*)> sigprocmask;
+
 // Socket.cpp
 extern Interposed<int(int, int, int)> socket;
 extern Interposed<int(int, int, int, const void*, socklen_t)> setsockopt;
@@ -103,7 +110,17 @@ extern Interposed<ssize_t(int, const void*, std::size_t, int)> send;
 extern Interposed<ssize_t(int, void*, std::size_t, int)> recv;
 extern Interposed<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
 extern Interposed<int(int, int, void*)> fcntl;
-extern Interposed<int(int)> close;
 extern Interposed<int(int, const char*, void*)> inet_pton;
+
+// System.cpp
+extern Interposed<long(int)> sysconf;
+
+// TimerThread.cpp
+extern Interposed<int(sigset_t*)> sigemptyset;
+extern Interposed<int(sigset_t*, int)> sigaddset;
+extern Interposed<int(int, const sigset_t*, sigset_t*)> pthread_sigmask;
+extern Interposed<int(const sigset_t*, siginfo_t*, const timespec*)> sigtimedwait;
+extern Interposed<int(pthread_attr_t*, int)> pthread_attr_setscope;
+extern Interposed<int(pthread_t, const char*)> pthread_setname_np;
 
 } // namespace velahost_test::interposed

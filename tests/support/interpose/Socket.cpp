@@ -26,13 +26,12 @@ constinit Interposed<ssize_t(int, void*, std::size_t, int)> recv("recv",
 constinit Interposed<int(int, fd_set*, fd_set*, fd_set*, timeval*)>
     select("select", FailureStyle::MinusOneAndErrno);
 constinit Interposed<int(int, int, void*)> fcntl("fcntl", FailureStyle::MinusOneAndErrno);
-constinit Interposed<int(int)> close("close", FailureStyle::MinusOneAndErrno);
 constinit Interposed<int(int, const char*, void*)> inet_pton("inet_pton",
                                                              FailureStyle::MinusOneAndErrno);
 
-static const Registration s_Registration{&socket, &setsockopt, &bind,  &listen,
-                                         &accept, &connect,    &send,  &recv,
-                                         &select, &fcntl,      &close, &inet_pton};
+static const Registration s_Registration{&socket, &setsockopt, &bind,     &listen,
+                                         &accept, &connect,    &send,     &recv,
+                                         &select, &fcntl,      &inet_pton};
 
 } // namespace velahost_test::interposed
 
@@ -93,11 +92,6 @@ int fcntl(int descriptor, int command, ...)
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
     return interposed::fcntl.Call(descriptor, command, argument);
-}
-
-int close(int descriptor)
-{
-    return interposed::close.Call(descriptor);
 }
 
 int inet_pton(int family, const char* text, void* address) noexcept

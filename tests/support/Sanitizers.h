@@ -1,0 +1,13 @@
+#pragma once
+
+namespace velahost_test {
+
+/// True in a program built with the thread sanitizer, which itself reports (or trips over) what
+/// some tests do on purpose.
+#ifdef __SANITIZE_THREAD__
+inline constexpr bool isThreadSanitized = true;
+#else
+inline constexpr bool isThreadSanitized = false;
+#endif
+
+} // namespace velahost_test

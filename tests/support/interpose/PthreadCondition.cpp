@@ -1,0 +1,55 @@
+#include "support/interpose/Interposed.h"
+
+#include <ctime>
+#include <pthread.h>
+
+namespace velahost_test::interposed {
+
+constinit Interposed<int(pthread_cond_t*, const pthread_condattr_t*)>
+    pthread_cond_init("pthread_cond_init", FailureStyle::ErrorNumber);
+constinit Interposed<int(pthread_cond_t*)> pthread_cond_destroy("pthread_cond_destroy",
+                                                                FailureStyle::ErrorNumber);
+constinit Interposed<int(pthread_cond_t*)> pthread_cond_broadcast("pthread_cond_broadcast",
+                                                                  FailureStyle::ErrorNumber);
+constinit Interposed<int(pthread_cond_t*, pthread_mutex_t*)>
+    pthread_cond_wait("pthread_cond_wait", FailureStyle::ErrorNumber);
+constinit Interposed<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)>
+    pthread_cond_timedwait("pthread_cond_timedwait", FailureStyle::ErrorNumber);
+
+static const Registration s_Registration{&pthread_cond_init, &pthread_cond_destroy,
+                                         &pthread_cond_broadcast, &pthread_cond_wait,
+                                         &pthread_cond_timedwait};
+
+} // namespace velahost_test::interposed
+
+namespace interposed = velahost_test::interposed;
+
+extern "C" {
+
+int pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes) noexcept
+{
+    return interposed::pthread_cond_init.Call(condition, attributes);
+}
+
+int pthread_cond_destroy(pthread_cond_t* condition) noexcept
+{
+    return interposed::pthread_cond_destroy.Call(condition);
+}
+
+int pthread_cond_broadcast(pthread_cond_t* condition) noexcept
+{
+    return interposed::pthread_cond_broadcast.Call(condition);
+}
+
+int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
+{
+    return interposed::pthread_cond_wait.Call(condition, mutex);
+}
+
+int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                           const timespec* deadline)
+{
+    return interposed::pthread_cond_timedwait.Call(condition, mutex, deadline);
+}
+
+} // extern "C"
