@@ -11,6 +11,8 @@ using VelaHost_Utility::Timer;
 class Demo : public Timer::Handler
 {
 public:
+    ~Demo() noexcept override = default; // its timers' may throw, a handler's may not
+
     void Run()
     {
         m_Idle.Start();

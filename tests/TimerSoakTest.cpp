@@ -40,10 +40,11 @@ std::int64_t NowInMilliseconds()
 }
 
 /// A timer that keeps accounts. All operations but the firing come from one thread.
-class AccountedTimer : private Timer::Handler
+class AccountedTimer final : private Timer::Handler
 {
 public:
     AccountedTimer(unsigned int interval, bool periodic) : m_Timer(interval, this, periodic) {}
+    ~AccountedTimer() noexcept override = default;
 
     void Start()
     {

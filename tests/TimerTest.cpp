@@ -845,6 +845,7 @@ TEST_F(TimerHandler, MayHaveItsTimerAsAMember)
     {
     public:
         Heart() { m_Timer.Start(); }
+        ~Heart() noexcept override = default;
         void OnTimer(Timer* /*timer*/) override { ++beats; }
         int beats = 0;
 

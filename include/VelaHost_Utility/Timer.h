@@ -32,13 +32,12 @@ public:
 class VELAHOST_EXPORT Timer : private VelaHost_OS::TimerService::ReqHandler, public virtual RefCount
 {
 public:
-    /// What a timer calls. The destructor may throw, so that a handler can have timers among its
-    /// members; one that also derives from a class whose destructor may not throw declares its own
-    /// `noexcept`.
+    /// What a timer calls. A handler with timers or `SmartPointer`s among its members declares its
+    /// destructor `noexcept`: theirs may throw, a handler's may not.
     class VELAHOST_EXPORT Handler
     {
     public:
-        virtual ~Handler() noexcept(false) = default;
+        virtual ~Handler() = default;
         /// `timer` fired. A one-shot timer is already stopped and may be started again; a periodic
         /// one is already waiting for its next firing.
         virtual void OnTimer(Timer* timer) = 0;
