@@ -29,7 +29,7 @@ using namespace velahost_test;
 constexpr std::uint16_t s_WildCategory = 5;
 constexpr std::uint16_t s_GoodCategory = 6;
 constexpr unsigned int s_Seed = 19700101;
-constexpr int s_Steps = 20'000;
+constexpr int s_Steps = 5'000;
 constexpr int s_WildClients = 8;
 
 /// What the bytes of one connection mean, read from the whole stream anew each time.
