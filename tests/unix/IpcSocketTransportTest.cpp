@@ -144,13 +144,16 @@ TEST(IpcSocketTransportObject, HasItsFieldsInOrder)
         const void* log;
         const void* manager;
     } behind{};
-    // The server's size is a multiple of its alignment, so nothing of it is shared.
-    std::memcpy(&behind, bytes + sizeof(ServerSocket), sizeof behind);
     if (sizeof(void*) == 4) {
+        std::memcpy(&behind, bytes + sizeof(ServerSocket), sizeof behind);
         EXPECT_EQ(behind.maxFd, service.transport.GetServer().GetSock() + 1);
         EXPECT_EQ(behind.log, static_cast<IpcLogAdapter*>(&log));
         EXPECT_EQ(behind.manager, &service.manager);
         EXPECT_EQ(sizeof(IpcSocketTransport), 136U);
+        // One more than the highest descriptor, the newcomer's from the moment it is accepted.
+        const Descriptor client = service.Connect();
+        std::memcpy(&behind, bytes + sizeof(ServerSocket), sizeof behind);
+        EXPECT_EQ(behind.maxFd, service.GetSock(1) + 1);
     }
 }
 

@@ -87,6 +87,7 @@ TEST(ServerSocketConstructor, FailsAtEachStepAndLeavesTheDescriptorOpen)
             FailingCall failing(step.call, ENOSR);
             EXPECT_TRUE(Throws<IpcSocketException>([] { ServerSocket server(0); },
                                                    ServerFailure(step.code, step.portLine, ENOSR)));
+            EXPECT_TRUE(opened.AreOpen());
         }
         {
             FailingCall failing(step.call, ENOLINK);
