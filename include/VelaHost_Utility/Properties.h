@@ -123,7 +123,8 @@ public:
 
 private:
     template <typename P, typename Value>
-    P* Add(const char* name, Value value, const Exception::Context& duplicateSite);
+    [[gnu::visibility("hidden")]] P* Add(const char* name, Value value,
+                                         const Exception::Context& duplicateSite);
 
     std::map<std::string, Property*, std::less<>> m_Properties;
     std::string m_LastError;
