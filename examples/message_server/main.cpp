@@ -34,6 +34,8 @@ class RunOnTimer : public Lockable, public Timer::Handler
 public:
     explicit RunOnTimer(std::function<void()> function) : m_Function(std::move(function)) {}
 
+    ~RunOnTimer() noexcept override {}
+
     void OnTimer(Timer*) override
     {
         Locker locker(*this);

@@ -168,13 +168,6 @@ OccupiedDescriptors::OccupiedDescriptors(int limit)
     m_Occupied.pop_back();
 }
 
-std::size_t CountDescriptors()
-{
-    const std::filesystem::directory_iterator open("/proc/self/fd");
-    // One of them is the iterator's own.
-    return static_cast<std::size_t>(std::distance(begin(open), end(open))) - 1;
-}
-
 DescriptorLimit::DescriptorLimit(std::size_t limit)
 {
     rlimit current{};

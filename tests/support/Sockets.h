@@ -1,5 +1,7 @@
 #pragma once
 
+#include "FileState.h"
+
 #include "Interpose.h"
 
 #include <cstddef>
@@ -76,9 +78,6 @@ public:
 private:
     std::vector<Descriptor> m_Occupied;
 };
-
-/// How many descriptors the process has open.
-std::size_t CountDescriptors();
 
 /// Leaves only that many descriptors to the process, until destruction.
 class DescriptorLimit

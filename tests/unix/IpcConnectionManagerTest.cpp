@@ -138,7 +138,7 @@ TEST_F(IpcConnectionManagerTest, BeginsEmpty)
 
 TEST_F(IpcConnectionManagerHandlers, AreRegisteredThroughTheThirdSlot)
 {
-    const auto registerHandler = VirtualSlot<int(Manager*, IpcMsgHandler*, int)>(m_Manager, 2);
+    const auto registerHandler = GetVirtualSlot<int(Manager*, IpcMsgHandler*, int)>(&m_Manager, 2);
     EXPECT_EQ(registerHandler(&m_Manager, &m_Handler, 19), 0);
     EXPECT_EQ(m_Manager.handlers[19], &m_Handler);
     EXPECT_EQ(registerHandler(&m_Manager, &m_Handler, 20), -1);
@@ -149,11 +149,11 @@ TEST(IpcConnectionManagerLifetime, EndsThroughTheFirstTwoSlots)
     alignas(Manager) unsigned char memory[sizeof(Manager)];
     Manager* inPlace = new (memory) Manager(nullptr);
     inPlace->FindFreeConnection();
-    VirtualSlot<void(Manager*)>(*inPlace, 0)(inPlace);
+    GetVirtualSlot<void(Manager*)>(inPlace, 0)(inPlace);
     EXPECT_EQ(Transport::Connection::s_Alive, 0);
     Manager* onHeap = new Manager(nullptr);
     onHeap->FindFreeConnection();
-    VirtualSlot<void(Manager*)>(*onHeap, 1)(onHeap);
+    GetVirtualSlot<void(Manager*)>(onHeap, 1)(onHeap);
     EXPECT_EQ(Transport::Connection::s_Alive, 0);
 }
 

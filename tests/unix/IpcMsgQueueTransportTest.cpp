@@ -188,9 +188,9 @@ TEST_F(IpcMsgQueueTransportLifetime, HandlesMessagesInTheThirdSlotAndClosesInThe
     IpcMsgHandler& base = m_Transport;
     IpcMsgBuf message{};
     message.data[0] = 5;
-    VirtualSlot<void(IpcMsgHandler*, IpcMsgBuf*, int)>(base, 2)(&base, &message, 12);
+    GetVirtualSlot<void(IpcMsgHandler*, IpcMsgBuf*, int)>(&base, 2)(&base, &message, 12);
     EXPECT_THAT(m_Log.Take(), ElementsAre(LogCall::Error("Unexpected Ctrl message: 5")));
-    VirtualSlot<void(IpcMsgHandler*, int)>(base, 3)(&base, 1);
+    GetVirtualSlot<void(IpcMsgHandler*, int)>(&base, 3)(&base, 1);
     EXPECT_THAT(m_Log.Take(), IsEmpty());
 }
 
@@ -255,7 +255,7 @@ TEST_F(IpcMsgQueueTransportLifetime, EndsThroughTheFirstTwoSlotsLeavingQueueAndC
     auto* inPlace = new (memory) IpcMsgQueueTransport(config, manager, nullptr);
     IpcConnectionData data{4001, 0};
     inPlace->ConnectReq(data);
-    VirtualSlot<void(IpcMsgHandler*)>(*inPlace, 0)(inPlace);
+    GetVirtualSlot<void(IpcMsgHandler*)>(inPlace, 0)(inPlace);
     EXPECT_EQ(RawQueue(m_Key.FindQueue()).TryReceive(4001),
               MessageText(0, 1, ControlPayload(2, 4001, 1)));
     ASSERT_EQ(manager.GetConnectionCount(), 1);
@@ -263,7 +263,7 @@ TEST_F(IpcMsgQueueTransportLifetime, EndsThroughTheFirstTwoSlotsLeavingQueueAndC
 
     auto* onHeap = new IpcMsgQueueTransport(config, manager, nullptr);
     const int queue = onHeap->GetQueue().GetId();
-    VirtualSlot<void(IpcMsgHandler*)>(*onHeap, 1)(onHeap);
+    GetVirtualSlot<void(IpcMsgHandler*)>(onHeap, 1)(onHeap);
     EXPECT_EQ(m_Key.FindQueue(), queue);
 }
 
