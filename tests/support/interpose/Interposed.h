@@ -35,6 +35,9 @@ extern Interposed<int(int, int, msqid_ds*)> msgctl;
 extern Interposed<int(int, const void*, std::size_t, int)> msgsnd;
 extern Interposed<ssize_t(int, void*, std::size_t, long, int)> msgrcv;
 
+// Stdio.cpp
+extern Interposed<int(const char*)> puts;
+
 // System.cpp
 extern Interposed<long(int)> sysconf;
 
