@@ -81,6 +81,22 @@ TEST(LoggerWithoutTraceLibrary, WritesTheLineAndOneNewlineToStandardOutput)
     EXPECT_EQ(output.Stop(), "NotImplementedException(what) at src/Somewhere:17\n");
 }
 
+TEST(LoggerWithoutTraceLibrary, WritesTheLineByOneCall)
+{
+    const NoTraceLibrary none;
+    std::vector<std::string> lines;
+    const Hook<int(const char*)> output(interposed::puts, [&](const char* line) {
+        lines.emplace_back(line);
+        return 0;
+    });
+    CapturedStdout rest;
+    LogOne("a");
+    LogOne("b");
+    EXPECT_EQ(rest.Stop(), "");
+    EXPECT_THAT(lines, ElementsAre("NotImplementedException(a) at src/Somewhere:17",
+                                   "NotImplementedException(b) at src/Somewhere:17"));
+}
+
 TEST(LoggerWithoutTraceLibrary, ShowsTheWholePathAndAnUnsignedLine)
 {
     const NoTraceLibrary none;

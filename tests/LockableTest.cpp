@@ -141,10 +141,13 @@ struct Derived : Lockable
     int word = 0;
 };
 
-// g++ takes the delete of such an object for one of a pointer into a block; the library finds the
-// block's start.
+// g++ takes the delete of such an object for one of a pointer into a block, or of a block that came
+// from elsewhere; the library finds the block's start.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wfree-nonheap-object"
+#ifndef __clang__
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
 struct LockableAtAnOffset : Leading, Lockable
 {};
 #pragma GCC diagnostic pop

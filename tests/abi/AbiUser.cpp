@@ -51,6 +51,7 @@ struct ReachableMutex : ThreadRecursiveMutex
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wfree-nonheap-object"
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 #endif
 struct LockableSecond : Leading, Lockable
 {};

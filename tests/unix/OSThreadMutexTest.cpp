@@ -100,10 +100,13 @@ struct Leading
     int words[3] = {};
 };
 
-// g++ takes the delete of such an object for one of a pointer into a block; the library finds the
-// block's start.
+// g++ takes the delete of such an object for one of a pointer into a block, or of a block that came
+// from elsewhere; the library finds the block's start.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wfree-nonheap-object"
+#ifndef __clang__
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
 struct MutexAtAnOffset : Leading, ThreadMutex
 {
     ~MutexAtAnOffset() noexcept(false) override { ++s_Destroyed; }

@@ -112,6 +112,9 @@ extern Interposed<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
 extern Interposed<int(int, int, void*)> fcntl;
 extern Interposed<int(int, const char*, void*)> inet_pton;
 
+// Stdio.cpp
+extern Interposed<int(const char*)> puts;
+
 // System.cpp
 extern Interposed<long(int)> sysconf;
 

@@ -12,6 +12,8 @@ static const Registration s_Registration{&sysconf};
 
 namespace interposed = velahost_test::interposed;
 
+// The thread sanitizer calls it before instrumented code may run.
+#ifndef __SANITIZE_THREAD__
 extern "C" {
 
 long sysconf(int name) noexcept
@@ -20,3 +22,4 @@ long sysconf(int name) noexcept
 }
 
 } // extern "C"
+#endif
