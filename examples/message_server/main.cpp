@@ -212,7 +212,7 @@ void Serve(PropertiesEx& config)
     idle.Stop();
     onHeartbeat.Dismiss();
     onIdle.Dismiss();
-    kill(getpid(), SIGTERM); // for the thread that may still wait for it
+    CancelThread(signalThread); // it may still wait for a signal
     JoinThread(signalThread);
     PrintLine("stopped after " + std::to_string(page.messages) + " messages");
 }
