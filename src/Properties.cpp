@@ -2,6 +2,8 @@
 
 #include "PropertyLineReader.h"
 
+#include <internal/ThrowSite.h>
+
 #include <memory>
 #include <string_view>
 
@@ -11,7 +13,7 @@ namespace {
 
 constexpr Exception::Context Site(unsigned int line)
 {
-    return Exception::Context(nullptr, "Properties", line, DefaultExceptionLogger);
+    return ThrowSite("Properties", line);
 }
 
 constexpr PropertyLineRules s_FlatRules{

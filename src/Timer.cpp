@@ -2,6 +2,8 @@
 
 #include "TextFormat.h"
 
+#include <internal/ThrowSite.h>
+
 namespace VelaHost_Utility {
 
 using VelaHost_OS::TimerService;
@@ -10,7 +12,7 @@ namespace {
 
 constexpr unsigned int s_TimerMisuseCode = 0x2004;
 
-constexpr Exception::Context s_StartSite(nullptr, "Timer", 90, DefaultExceptionLogger);
+constexpr Exception::Context s_StartSite = ThrowSite("Timer", 90);
 
 } // namespace
 

@@ -2,6 +2,7 @@
 
 #include "support/CapturedStdout.h"
 #include "support/FailingAllocation.h"
+#include "support/MutexMemory.h"
 #include "support/ThrownException.h"
 #include "support/VirtualTable.h"
 #include "support/interpose/Interposed.h"
@@ -127,15 +128,6 @@ TEST(Lockable, ThrowsFromItsDestructorWhileItIsHeld)
     EXPECT_EQ(pthread_mutex_destroy(PlatformMutexOf(*lockable)), 0);
 }
 
-struct Leading
-{
-    Leading() = default;
-    Leading(const Leading&) = delete;
-    Leading& operator=(const Leading&) = delete;
-    virtual ~Leading() noexcept(false) = default;
-    int words[3] = {};
-};
-
 struct Derived : Lockable
 {
     int word = 0;
@@ -152,48 +144,20 @@ struct LockableAtAnOffset : Leading, Lockable
 {};
 #pragma GCC diagnostic pop
 
-/// Deletes a heap `Object` as a `Deleted` twice, first held, then free.
-template <typename Object, typename Deleted>
-void ExpectMemoryToFollowTheDestroy()
-{
-    CapturedStdout output;
-    {
-        auto* object = new Object;
-        const WatchedBlock watch(object);
-        const CallCounter destroys("pthread_mutex_destroy");
-        pthread_mutex_t* platform = PlatformMutexOf(*object);
-        pthread_mutex_lock(platform);
-        Deleted* deleted = object;
-        errno = 0;
-        EXPECT_TRUE(Throws<SystemException>([&] { delete deleted; }, SystemFailure(0)));
-        EXPECT_EQ(destroys.GetCallCount(), 1U);
-        EXPECT_EQ(watch.GetFreeCount(), 0U);
-        pthread_mutex_unlock(platform);
-        pthread_mutex_destroy(platform);
-    }
-    {
-        auto* object = new Object;
-        const WatchedBlock watch(object);
-        const CallCounter destroys("pthread_mutex_destroy");
-        Deleted* deleted = object;
-        delete deleted;
-        EXPECT_EQ(destroys.GetCallCount(), 1U);
-        EXPECT_EQ(watch.GetFreeCount(), 1U);
-    }
-}
+constexpr auto s_PlatformMutexOf = [](Lockable& lockable) { return PlatformMutexOf(lockable); };
 
 TEST(LockableMemory, IsKeptExactlyWhenTheDestroyFails)
 {
-    ExpectMemoryToFollowTheDestroy<Lockable, Lockable>();
-    ExpectMemoryToFollowTheDestroy<Derived, Derived>();
-    ExpectMemoryToFollowTheDestroy<Derived, Lockable>();
+    ExpectMemoryToFollowTheDestroy<Lockable, Lockable>(s_PlatformMutexOf);
+    ExpectMemoryToFollowTheDestroy<Derived, Derived>(s_PlatformMutexOf);
+    ExpectMemoryToFollowTheDestroy<Derived, Lockable>(s_PlatformMutexOf);
 }
 
 TEST(LockableMemory, OfAClassThatHasItAtAnOffsetIsFreedOrKeptAsAWhole)
 {
-    ExpectMemoryToFollowTheDestroy<LockableAtAnOffset, LockableAtAnOffset>();
-    ExpectMemoryToFollowTheDestroy<LockableAtAnOffset, Lockable>();
-    ExpectMemoryToFollowTheDestroy<LockableAtAnOffset, Leading>();
+    ExpectMemoryToFollowTheDestroy<LockableAtAnOffset, LockableAtAnOffset>(s_PlatformMutexOf);
+    ExpectMemoryToFollowTheDestroy<LockableAtAnOffset, Lockable>(s_PlatformMutexOf);
+    ExpectMemoryToFollowTheDestroy<LockableAtAnOffset, Leading>(s_PlatformMutexOf);
 }
 
 TEST(LockableMemory, GoesThroughTheDeletingSlot)

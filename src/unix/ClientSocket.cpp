@@ -2,13 +2,15 @@
 
 #include "SocketCheck.h"
 
+#include <internal/ThrowSite.h>
+
 namespace VelaHost_Ipc {
 
 namespace {
 
 constexpr VelaHost_Utility::Exception::Context Site(unsigned int line)
 {
-    return {nullptr, "src/unix/ClientSocket", line, VelaHost_Utility::DefaultExceptionLogger};
+    return VelaHost_Utility::ThrowSite("src/unix/ClientSocket", line);
 }
 
 constexpr auto s_HostCreate = Site(49);

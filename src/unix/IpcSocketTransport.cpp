@@ -2,6 +2,8 @@
 
 #include <VelaHost_Ipc/IpcSocketException.h>
 
+#include <internal/ThrowSite.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -12,9 +14,7 @@ namespace VelaHost_Ipc {
 
 namespace {
 
-constexpr VelaHost_Utility::Exception::Context
-    s_ListenerTooHigh(nullptr, "src/unix/IpcSocketTransport", 67,
-                      VelaHost_Utility::DefaultExceptionLogger);
+constexpr auto s_ListenerTooHigh = VelaHost_Utility::ThrowSite("src/unix/IpcSocketTransport", 67);
 
 /// A descriptor set holds no others; whatever more is put into it lands in the memory behind.
 bool FitsIntoSet(int descriptor)

@@ -3,8 +3,7 @@
 #include "InstallDirectory.h"
 
 #include <VelaHost_OS/SystemInfo.h>
-#include <VelaHost_Utility/Exception.h>
-
+#include <internal/ThrowSite.h>
 #include <internal/unix/OSSystem.h>
 
 #include <cerrno>
@@ -20,16 +19,17 @@ static const std::string s_CompName("OS");
 
 namespace {
 
-using VelaHost_Utility::DefaultExceptionLogger;
-using VelaHost_Utility::Exception;
+constexpr VelaHost_Utility::Exception::Context Site(unsigned int line)
+{
+    return VelaHost_Utility::ThrowSite("src/unix/OSProcessMutex", line);
+}
 
-constexpr const char* s_File = "src/unix/OSProcessMutex";
-constexpr Exception::Context s_CreateFileSite(nullptr, s_File, 132, DefaultExceptionLogger);
-constexpr Exception::Context s_MakeKeySite(nullptr, s_File, 141, DefaultExceptionLogger);
-constexpr Exception::Context s_GetSemaphoreSite(nullptr, s_File, 146, DefaultExceptionLogger);
-constexpr Exception::Context s_SetSemaphoreSite(nullptr, s_File, 155, DefaultExceptionLogger);
-constexpr Exception::Context s_ReopenFileSite(nullptr, s_File, 178, DefaultExceptionLogger);
-constexpr Exception::Context s_RemoveSemaphoreSite(nullptr, s_File, 189, DefaultExceptionLogger);
+constexpr auto s_CreateFileSite = Site(132);
+constexpr auto s_MakeKeySite = Site(141);
+constexpr auto s_GetSemaphoreSite = Site(146);
+constexpr auto s_SetSemaphoreSite = Site(155);
+constexpr auto s_ReopenFileSite = Site(178);
+constexpr auto s_RemoveSemaphoreSite = Site(189);
 
 constexpr int s_KeyProject = 0;
 constexpr unsigned int s_ReadyPollMilliseconds = 500;

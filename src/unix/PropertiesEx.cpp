@@ -3,6 +3,8 @@
 #include "Blanks.h"
 #include "PropertyLineReader.h"
 
+#include <internal/ThrowSite.h>
+
 #include <memory>
 #include <string_view>
 
@@ -12,7 +14,7 @@ namespace {
 
 constexpr Exception::Context Site(unsigned int line)
 {
-    return Exception::Context(nullptr, "src/unix/PropertiesEx", line, DefaultExceptionLogger);
+    return ThrowSite("src/unix/PropertiesEx", line);
 }
 
 constexpr PropertyLineRules s_SectionedRules{

@@ -2,6 +2,7 @@
 
 #include "support/CapturedStdout.h"
 #include "support/FailingAllocation.h"
+#include "support/MutexMemory.h"
 #include "support/ThrownException.h"
 #include "support/VirtualTable.h"
 #include "support/interpose/Interposed.h"
@@ -88,16 +89,6 @@ private:
     std::latch m_Held{1};
     std::latch m_Release{1};
     std::thread m_Thread;
-};
-
-/// A class that holds a `ThreadMutex` somewhere behind its start.
-struct Leading
-{
-    Leading() = default;
-    Leading(const Leading&) = delete;
-    Leading& operator=(const Leading&) = delete;
-    virtual ~Leading() noexcept(false) = default;
-    int words[3] = {};
 };
 
 // g++ takes the delete of such an object for one of a pointer into a block, or of a block that came

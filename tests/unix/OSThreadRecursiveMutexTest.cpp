@@ -2,6 +2,7 @@
 
 #include "support/CapturedStdout.h"
 #include "support/FailingAllocation.h"
+#include "support/MutexMemory.h"
 #include "support/ThrownException.h"
 #include "support/VirtualTable.h"
 #include "support/interpose/Interposed.h"
@@ -182,15 +183,6 @@ TEST(ThreadRecursiveMutexDestructor, ThrowsWhileTheMutexIsHeld)
     EXPECT_EQ(pthread_mutex_destroy(platform), 0);
 }
 
-struct Leading
-{
-    Leading() = default;
-    Leading(const Leading&) = delete;
-    Leading& operator=(const Leading&) = delete;
-    virtual ~Leading() noexcept(false) = default;
-    int words[3] = {};
-};
-
 // g++ takes the delete of such an object for one of a pointer into a block, or of a block that came
 // from elsewhere; the library finds the block's start.
 #pragma GCC diagnostic push
@@ -202,47 +194,19 @@ struct GuardedAtAnOffset : Leading, Guarded
 {};
 #pragma GCC diagnostic pop
 
-/// Deletes a heap `Object` as a `Deleted` twice, first held, then free.
-template <typename Object, typename Deleted>
-void ExpectMemoryToFollowTheDestroy()
-{
-    CapturedStdout output;
-    {
-        auto* object = new Object;
-        const WatchedBlock watch(object);
-        const CallCounter destroys("pthread_mutex_destroy");
-        pthread_mutex_t* platform = object->GetPlatformMutex();
-        pthread_mutex_lock(platform);
-        Deleted* deleted = object;
-        errno = 0;
-        EXPECT_TRUE(Throws<SystemException>([&] { delete deleted; }, SystemFailure(0)));
-        EXPECT_EQ(destroys.GetCallCount(), 1U);
-        EXPECT_EQ(watch.GetFreeCount(), 0U);
-        pthread_mutex_unlock(platform);
-        pthread_mutex_destroy(platform);
-    }
-    {
-        auto* object = new Object;
-        const WatchedBlock watch(object);
-        const CallCounter destroys("pthread_mutex_destroy");
-        Deleted* deleted = object;
-        delete deleted;
-        EXPECT_EQ(destroys.GetCallCount(), 1U);
-        EXPECT_EQ(watch.GetFreeCount(), 1U);
-    }
-}
+constexpr auto s_PlatformMutexOf = [](Guarded& guarded) { return guarded.GetPlatformMutex(); };
 
 TEST(ThreadRecursiveMutexMemory, IsKeptExactlyWhenTheDestroyFails)
 {
-    ExpectMemoryToFollowTheDestroy<Guarded, Guarded>();
-    ExpectMemoryToFollowTheDestroy<Guarded, ThreadRecursiveMutex>();
+    ExpectMemoryToFollowTheDestroy<Guarded, Guarded>(s_PlatformMutexOf);
+    ExpectMemoryToFollowTheDestroy<Guarded, ThreadRecursiveMutex>(s_PlatformMutexOf);
 }
 
 TEST(ThreadRecursiveMutexMemory, OfAClassThatHasItAtAnOffsetIsFreedOrKeptAsAWhole)
 {
-    ExpectMemoryToFollowTheDestroy<GuardedAtAnOffset, GuardedAtAnOffset>();
-    ExpectMemoryToFollowTheDestroy<GuardedAtAnOffset, ThreadRecursiveMutex>();
-    ExpectMemoryToFollowTheDestroy<GuardedAtAnOffset, Leading>();
+    ExpectMemoryToFollowTheDestroy<GuardedAtAnOffset, GuardedAtAnOffset>(s_PlatformMutexOf);
+    ExpectMemoryToFollowTheDestroy<GuardedAtAnOffset, ThreadRecursiveMutex>(s_PlatformMutexOf);
+    ExpectMemoryToFollowTheDestroy<GuardedAtAnOffset, Leading>(s_PlatformMutexOf);
 }
 
 TEST(ThreadRecursiveMutexMemory, GoesThroughTheDeletingSlot)

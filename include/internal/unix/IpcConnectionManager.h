@@ -7,6 +7,8 @@
 #include <VelaHost_Ipc/IpcMsgException.h>
 #include <VelaHost_Ipc/IpcMsgHandler.h>
 
+#include <internal/ThrowSite.h>
+
 #include <memory>
 #include <vector>
 
@@ -14,9 +16,8 @@ namespace VelaHost_Ipc {
 
 inline constexpr int s_CategoryCount = 20;
 
-inline constexpr VelaHost_Utility::Exception::Context
-    s_NoSuchConnection(nullptr, "include/internal/unix/IpcConnectionManager", 147,
-                       VelaHost_Utility::DefaultExceptionLogger);
+inline constexpr auto s_NoSuchConnection =
+    VelaHost_Utility::ThrowSite("include/internal/unix/IpcConnectionManager", 147);
 
 /// The handlers and the connections of one transport of class `T`. Takes no lock: it belongs to
 /// the thread that runs the transport.

@@ -6,6 +6,8 @@
 #include <VelaHost_Ipc/IpcMsgException.h>
 #include <VelaHost_Utility/Export.h>
 
+#include <internal/ThrowSite.h>
+
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -16,8 +18,7 @@ namespace VelaHost_Ipc {
 
 constexpr VelaHost_Utility::Exception::Context IpcMsgQueueSite(unsigned int line)
 {
-    return {nullptr, "include/internal/unix/IpcMsgQueue", line,
-            VelaHost_Utility::DefaultExceptionLogger};
+    return VelaHost_Utility::ThrowSite("include/internal/unix/IpcMsgQueue", line);
 }
 
 inline constexpr auto s_QueueRemoveFailed = IpcMsgQueueSite(72);

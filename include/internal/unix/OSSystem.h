@@ -4,15 +4,16 @@
 
 #include <VelaHost_Utility/Exception.h>
 
+#include <internal/ThrowSite.h>
+
 namespace VelaHost_OS {
 
 /// Error code of every failed system call.
 inline constexpr unsigned int s_SystemCallFailed = 0x2002;
 
 /// The one throw site that the operating-system layer's failures carry.
-inline constexpr VelaHost_Utility::Exception::Context
-    s_OSSystemSite(nullptr, "include/internal/unix/OSSystem", 68,
-                   VelaHost_Utility::DefaultExceptionLogger);
+inline constexpr auto s_OSSystemSite =
+    VelaHost_Utility::ThrowSite("include/internal/unix/OSSystem", 68);
 
 /// Throws the `SystemException` of a failed system call, with the `errno` of the moment.
 [[noreturn]] VELAHOST_EXPORT void
