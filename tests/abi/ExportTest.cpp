@@ -56,11 +56,6 @@ bool IsOurs(std::string_view name)
             return true;
         }
     }
-    constexpr std::string_view suffix = "_LibraryVersion";
-    if (name.size() > suffix.size() && name.substr(name.size() - suffix.size()) == suffix &&
-        name.find(':') == std::string_view::npos) {
-        return true;
-    }
     for (const char* kind : {"typeinfo for ", "typeinfo name for ", "vtable for ", "VTT for ",
                              "construction vtable for ", "guard variable for ",
                              "non-virtual thunk to ", "virtual thunk to "}) {

@@ -319,13 +319,9 @@ TEST(IpcSocketTransportLimits, RefusesAListeningDescriptorThatSelectCannotHold)
     const OccupiedDescriptors occupied(FD_SETSIZE);
     const std::size_t before = CountDescriptors();
     IpcConnectionManager<IpcSocketTransport> manager(nullptr);
-    try {
-        IpcSocketTransport transport({0}, manager, nullptr);
-        ADD_FAILURE() << "threw nothing";
-    } catch (const IpcSocketException& e) {
-        EXPECT_EQ(e.GetErrorCode(), 0x2101U);
-        EXPECT_EQ(e.GetErrno(), EMFILE);
-    }
+    EXPECT_TRUE(Throws<IpcSocketException>(
+        [&] { IpcSocketTransport transport({0}, manager, nullptr); },
+        {0x2101, "IpcSocketException", "src/unix/IpcSocketTransport", 67, EMFILE}));
     EXPECT_EQ(CountDescriptors(), before);
 }
 
