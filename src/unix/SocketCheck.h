@@ -2,6 +2,8 @@
 
 #include <VelaHost_Ipc/IpcSocketException.h>
 
+#include <cerrno>
+
 namespace VelaHost_Ipc {
 
 /// Throws the `IpcSocketException` of a failed step, with the `errno` of the moment.
@@ -9,7 +11,8 @@ inline void CheckSocket(bool succeeded, const VelaHost_Utility::Exception::Conte
                         unsigned int errorCode)
 {
     if (!succeeded) {
-        throw IpcSocketException(site, errorCode);
+        const int error = errno; // before the exception's memory is allocated
+        throw IpcSocketException(site, errorCode, error);
     }
 }
 
