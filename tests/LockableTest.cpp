@@ -115,6 +115,9 @@ TEST(Lockable, IsNotMadeWithoutItsMutex)
 
 TEST(Lockable, ThrowsFromItsDestructorWhileItIsHeld)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the sanitizer reports the misuse itself";
+#endif
     CapturedStdout output;
     alignas(Lockable) unsigned char memory[sizeof(Lockable)];
     auto* lockable = new (memory) Lockable;
@@ -152,7 +155,7 @@ struct LockableAtAnOffset : Leading, Lockable
 {};
 #pragma GCC diagnostic pop
 
-/// Deletes a heap `Object` as a `Deleted` twice, first held, then free.
+/// Deletes a heap `Object` as a `Deleted` twice; the first destroy fails.
 template <typename Object, typename Deleted>
 void ExpectMemoryToFollowTheDestroy()
 {
@@ -160,15 +163,15 @@ void ExpectMemoryToFollowTheDestroy()
     {
         auto* object = new Object;
         const WatchedBlock watch(object);
-        const CallCounter destroys("pthread_mutex_destroy");
         pthread_mutex_t* platform = PlatformMutexOf(*object);
-        pthread_mutex_lock(platform);
         Deleted* deleted = object;
-        errno = 0;
-        EXPECT_TRUE(Throws<SystemException>([&] { delete deleted; }, SystemFailure(0)));
-        EXPECT_EQ(destroys.GetCallCount(), 1U);
+        {
+            const FailingCall destroy("pthread_mutex_destroy", EBUSY);
+            errno = 0;
+            EXPECT_TRUE(Throws<SystemException>([&] { delete deleted; }, SystemFailure(0)));
+            EXPECT_EQ(destroy.GetCallCount(), 1U);
+        }
         EXPECT_EQ(watch.GetFreeCount(), 0U);
-        pthread_mutex_unlock(platform);
         pthread_mutex_destroy(platform);
     }
     {

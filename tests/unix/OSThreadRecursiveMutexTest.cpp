@@ -170,6 +170,9 @@ INSTANTIATE_TEST_SUITE_P(Number, ThreadRecursiveMutexStep, ::testing::Range<std:
 
 TEST(ThreadRecursiveMutexDestructor, ThrowsWhileTheMutexIsHeld)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the sanitizer reports the misuse itself";
+#endif
     CapturedStdout output;
     alignas(Guarded) unsigned char memory[sizeof(Guarded)];
     auto* mutex = new (memory) Guarded;
@@ -202,7 +205,7 @@ struct GuardedAtAnOffset : Leading, Guarded
 {};
 #pragma GCC diagnostic pop
 
-/// Deletes a heap `Object` as a `Deleted` twice, first held, then free.
+/// Deletes a heap `Object` as a `Deleted` twice; the first destroy fails.
 template <typename Object, typename Deleted>
 void ExpectMemoryToFollowTheDestroy()
 {
@@ -210,15 +213,15 @@ void ExpectMemoryToFollowTheDestroy()
     {
         auto* object = new Object;
         const WatchedBlock watch(object);
-        const CallCounter destroys("pthread_mutex_destroy");
         pthread_mutex_t* platform = object->GetPlatformMutex();
-        pthread_mutex_lock(platform);
         Deleted* deleted = object;
-        errno = 0;
-        EXPECT_TRUE(Throws<SystemException>([&] { delete deleted; }, SystemFailure(0)));
-        EXPECT_EQ(destroys.GetCallCount(), 1U);
+        {
+            const FailingCall destroy("pthread_mutex_destroy", EBUSY);
+            errno = 0;
+            EXPECT_TRUE(Throws<SystemException>([&] { delete deleted; }, SystemFailure(0)));
+            EXPECT_EQ(destroy.GetCallCount(), 1U);
+        }
         EXPECT_EQ(watch.GetFreeCount(), 0U);
-        pthread_mutex_unlock(platform);
         pthread_mutex_destroy(platform);
     }
     {
