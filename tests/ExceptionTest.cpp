@@ -383,14 +383,6 @@ TEST(FormattedDetail, IsCutAtACharacterThatCannotBeConverted)
     EXPECT_EQ(e.GetText(), "BadStateException(before )");
 }
 
-TEST(FormattedDetail, IsCutWhenItsLengthCannotBeCounted)
-{
-    const std::string format = "before %" + std::to_string(INT_MAX) + "d";
-    const BadStateException e(s_Recorded, format.c_str(), 1);
-    EXPECT_EQ(e.GetText().rfind("BadStateException(before ", 0), 0U) << e.GetText();
-    EXPECT_LE(e.GetText().size(), std::string("BadStateException()").size() + 199);
-}
-
 TEST(FormattedDetail, ThrowsBadAllocWhenTheExpansionFindsNoMemory)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

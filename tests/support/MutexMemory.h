@@ -22,9 +22,9 @@ struct Leading
     int words[3] = {};
 };
 
-/// Deletes a heap `Object` as a `Deleted` twice, first with its mutex held, then free: the memory
-/// is kept when the destroy fails, and freed once when it succeeds. `platformMutexOf(object)` gives
-/// the platform's mutex.
+/// Deletes a heap `Object` as a `Deleted` twice. The first time the destroy fails, and the memory
+/// is kept; the second time it succeeds, and the memory is freed once. `platformMutexOf(object)`
+/// gives the platform's mutex.
 template <typename Object, typename Deleted, typename PlatformMutexOf>
 void ExpectMemoryToFollowTheDestroy(PlatformMutexOf platformMutexOf)
 {
@@ -32,16 +32,16 @@ void ExpectMemoryToFollowTheDestroy(PlatformMutexOf platformMutexOf)
     {
         auto* object = new Object;
         const WatchedBlock watch(object);
-        const CallCounter destroys("pthread_mutex_destroy");
         pthread_mutex_t* platform = platformMutexOf(*object);
-        pthread_mutex_lock(platform);
         Deleted* deleted = object;
-        errno = 0;
-        EXPECT_TRUE(
-            Throws<VelaHost_Utility::SystemException>([&] { delete deleted; }, SystemFailure(0)));
-        EXPECT_EQ(destroys.GetCallCount(), 1U);
+        {
+            const FailingCall destroy("pthread_mutex_destroy", EBUSY);
+            errno = 0;
+            EXPECT_TRUE(Throws<VelaHost_Utility::SystemException>([&] { delete deleted; },
+                                                                  SystemFailure(0)));
+            EXPECT_EQ(destroy.GetCallCount(), 1U);
+        }
         EXPECT_EQ(watch.GetFreeCount(), 0U);
-        pthread_mutex_unlock(platform);
         pthread_mutex_destroy(platform);
     }
     {
