@@ -130,7 +130,8 @@ void TimerQueue::Sleep(std::uint64_t milliseconds) const
     if (milliseconds >= s_LongestSleep) {
         time.tv_sec = 1;
     } else {
-        time.tv_nsec = static_cast<long>(milliseconds) * s_NanosecondsPerMillisecond;
+        time.tv_nsec = static_cast<long>(static_cast<std::int64_t>(milliseconds) *
+                                         s_NanosecondsPerMillisecond);
     }
     sigtimedwait(&m_WakeSignals, nullptr, &time);
 }
