@@ -1,11 +1,11 @@
 #include <VelaHost_Utility/PropertiesEx.h>
 
 #include "support/CapturedStdout.h"
+#include "support/FailingAllocation.h"
+#include "support/VirtualTable.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <new>
@@ -15,58 +15,8 @@
 
 namespace {
 
-/// The allocations of this program, one of which can be made to fail.
-struct Allocations
-{
-    long live = 0;
-    /// Counts down to the one that fails; nothing fails while it is 0.
-    unsigned int countdown = 0;
-};
-
-Allocations s_Allocations;
-
-void* Allocate(std::size_t size)
-{
-    if (s_Allocations.countdown != 0 && --s_Allocations.countdown == 0) {
-        throw std::bad_alloc();
-    }
-    void* const memory = std::malloc(size != 0 ? size : 1);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    ++s_Allocations.live;
-    return memory;
-}
-
-void Free(void* memory)
-{
-    if (memory != nullptr) {
-        --s_Allocations.live;
-        std::free(memory);
-    }
-}
-
-} // namespace
-
-void* operator new(std::size_t size)
-{
-    return Allocate(size);
-}
-
-void operator delete(void* memory) noexcept
-{
-    Free(memory);
-}
-
-void operator delete(void* memory, std::size_t /*size*/) noexcept
-{
-    Free(memory);
-}
-
-namespace {
-
 using namespace VelaHost_Utility;
-using velahost_test::CapturedStdout;
+using namespace velahost_test;
 
 constexpr const char* s_LongText = "a text that is too long to be kept inside";
 
@@ -97,20 +47,22 @@ void FailEveryAllocation(const std::function<std::unique_ptr<Store>()>& makeStor
     unsigned int failures = 0;
     for (;; ++failures) {
         SCOPED_TRACE(failures + 1);
-        const long before = s_Allocations.live;
+        const AllocationBalance balance;
         std::unique_ptr<Store> store = makeStore();
         Outcome outcome = Outcome::Completed;
         CapturedStdout output;
-        s_Allocations.countdown = failures + 1;
-        try {
-            action(*store);
-        } catch (const std::bad_alloc&) {
-            outcome = Outcome::OutOfMemory;
-        } catch (const PropertiesException&) {
-            outcome = Outcome::Rejected;
+        bool wasHit = false;
+        {
+            const FailingAllocation failing(failures + 1);
+            try {
+                action(*store);
+            } catch (const std::bad_alloc&) {
+                outcome = Outcome::OutOfMemory;
+            } catch (const PropertiesException&) {
+                outcome = Outcome::Rejected;
+            }
+            wasHit = failing.WasHit();
         }
-        const bool wasHit = s_Allocations.countdown == 0;
-        s_Allocations.countdown = 0;
         const bool wasLogged = !output.Stop().empty();
 
         EXPECT_EQ(outcome, wasHit ? Outcome::OutOfMemory : last);
@@ -118,7 +70,7 @@ void FailEveryAllocation(const std::function<std::unique_ptr<Store>()>& makeStor
         EXPECT_TRUE(outcome == Outcome::OutOfMemory || wasLogged == (last == Outcome::Rejected));
         check(*store, outcome);
         store.reset();
-        EXPECT_EQ(s_Allocations.live, before);
+        EXPECT_EQ(balance.GetLiveCount(), 0);
         if (!wasHit || testing::Test::HasFailure()) {
             break;
         }
@@ -289,22 +241,11 @@ TEST(StoreMemory, IsReleasedByClear)
 {
     PropertiesEx store;
     std::istringstream in(s_Sample);
-    const long before = s_Allocations.live;
+    const AllocationBalance balance;
     store.Load(in, true);
-    EXPECT_GT(s_Allocations.live, before);
+    EXPECT_GT(balance.GetLiveCount(), 0);
     store.Clear();
-    EXPECT_EQ(s_Allocations.live, before);
-}
-
-/// Calls the destructor in that slot of the object's table of virtual functions.
-void CallDestructorSlot(void* object, std::size_t slot)
-{
-    using Destructor = void (*)(void*);
-    void** table = nullptr;
-    std::memcpy(&table, object, sizeof table);
-    Destructor destructor = nullptr;
-    std::memcpy(&destructor, table + slot, sizeof destructor);
-    destructor(object);
+    EXPECT_EQ(balance.GetLiveCount(), 0);
 }
 
 /// Proves that the first slot of `Store` destroys an object and the second frees it as well.
@@ -312,18 +253,18 @@ template <typename Store, typename... Arguments>
 void ExpectDestructorsInTheFirstSlots(const std::function<void(Store&)>& fill,
                                       Arguments... arguments)
 {
-    const long before = s_Allocations.live;
+    const AllocationBalance balance;
     alignas(Store) unsigned char memory[sizeof(Store)];
     auto* const inPlace = new (memory) Store(arguments...);
     fill(*inPlace);
-    EXPECT_GT(s_Allocations.live, before);
-    CallDestructorSlot(inPlace, 0);
-    EXPECT_EQ(s_Allocations.live, before);
+    EXPECT_GT(balance.GetLiveCount(), 0);
+    CallVirtualSlot(inPlace, 0);
+    EXPECT_EQ(balance.GetLiveCount(), 0);
 
     auto* const onHeap = new Store(arguments...);
     fill(*onHeap);
-    CallDestructorSlot(onHeap, 1);
-    EXPECT_EQ(s_Allocations.live, before);
+    CallVirtualSlot(onHeap, 1);
+    EXPECT_EQ(balance.GetLiveCount(), 0);
 }
 
 TEST(StoreMemory, IsReleasedByTheDestructorsInTheFirstSlots)
@@ -340,13 +281,13 @@ TEST(StoreMemory, IsReleasedByTheDestructorsInTheFirstSlots)
 
 TEST(StoreMemory, OfADerivedStoreIsReleasedThroughItsBase)
 {
-    const long before = s_Allocations.live;
+    const AllocationBalance balance;
     {
         std::unique_ptr<Properties> store = std::make_unique<PropertiesSection>(s_LongText);
         store->AddProperty("A", s_LongText);
         static_cast<PropertiesEx&>(*store).AddSection("Board", s_LongText);
     }
-    EXPECT_EQ(s_Allocations.live, before);
+    EXPECT_EQ(balance.GetLiveCount(), 0);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include <internal/unix/IpcConnectionManager.h>
 
 #include "support/CapturedStdout.h"
+#include "support/FailingAllocation.h"
 #include "support/RecordingLogAdapter.h"
 #include "support/ThrownException.h"
 #include "support/VirtualTable.h"
@@ -12,49 +13,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstddef>
-#include <cstdlib>
 #include <memory>
 #include <new>
 #include <string>
 #include <utility>
 #include <vector>
-
-namespace {
-
-/// Allocations of this thread until one fails; negative when none is to.
-thread_local int s_AllocationsLeft = -1;
-thread_local int s_LiveAllocations = 0;
-
-} // namespace
-
-void* operator new(std::size_t size)
-{
-    if (s_AllocationsLeft == 0) {
-        throw std::bad_alloc();
-    }
-    if (s_AllocationsLeft > 0) {
-        --s_AllocationsLeft;
-    }
-    void* memory = std::malloc(size != 0 ? size : 1);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    ++s_LiveAllocations;
-    return memory;
-}
-
-void operator delete(void* memory) noexcept
-{
-    if (memory != nullptr) {
-        --s_LiveAllocations;
-    }
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept
-{
-    operator delete(memory);
-}
 
 namespace {
 
@@ -295,7 +258,7 @@ TEST_F(IpcConnectionManagerConnections, AreFoundByIdOnly)
 
 TEST(IpcConnectionManagerLifetime, FreesTheConnectionsAndNothingElse)
 {
-    const int before = s_LiveAllocations;
+    const AllocationBalance balance;
     Handler::Calls calls;
     Handler handler(1, calls);
     {
@@ -307,30 +270,28 @@ TEST(IpcConnectionManagerLifetime, FreesTheConnectionsAndNothingElse)
         EXPECT_GT(Transport::Connection::s_Alive, 0);
     }
     EXPECT_EQ(Transport::Connection::s_Alive, 0);
-    EXPECT_EQ(s_LiveAllocations, before);
+    EXPECT_EQ(balance.GetLiveCount(), 0);
     EXPECT_TRUE(calls.empty());
 }
 
 TEST(IpcConnectionManagerLifetime, AFailedAllocationLeaksNothingAndChangesNothing)
 {
-    const int before = s_LiveAllocations;
+    const AllocationBalance balance;
     {
         Manager manager(nullptr);
         int failures = 0;
         for (int id = 1; id <= 5; ++id) {
             // The connection itself, then the table's growth.
-            for (int allocations = 0;; ++allocations) {
-                const int live = s_LiveAllocations;
-                s_AllocationsLeft = allocations;
+            for (unsigned int allocation = 1;; ++allocation) {
+                const AllocationBalance attempt;
                 try {
+                    const FailingAllocation failing(allocation);
                     manager.FindFreeConnection().isFree = false;
-                    s_AllocationsLeft = -1;
                     break;
                 } catch (const std::bad_alloc&) {
-                    s_AllocationsLeft = -1;
                     ++failures;
                 }
-                EXPECT_EQ(s_LiveAllocations, live);
+                EXPECT_EQ(attempt.GetLiveCount(), 0);
                 EXPECT_EQ(Transport::Connection::s_Alive, id - 1);
                 EXPECT_EQ(manager.GetConnectionCount(), id - 1);
             }
@@ -339,7 +300,7 @@ TEST(IpcConnectionManagerLifetime, AFailedAllocationLeaksNothingAndChangesNothin
         // The table grew for the ids 1, 2, 3 and 5.
         EXPECT_EQ(failures, 9);
     }
-    EXPECT_EQ(s_LiveAllocations, before);
+    EXPECT_EQ(balance.GetLiveCount(), 0);
 }
 
 } // namespace
