@@ -5,9 +5,9 @@
 #include <VelaHost_Utility/Properties.h>
 #include <VelaHost_Utility/PropertiesEx.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -181,10 +181,42 @@ std::string CompareSections(PropertiesEx& library, const ReferenceStore& referen
     return {};
 }
 
+/// Loads with the library; `result` tells how that ended. Tells what an exception shows beside the
+/// promised; empty when there is nothing.
+template <typename Store>
+std::string Load(Store& library, std::istream& in, bool sectionsAllowed, ReferenceResult& result)
+{
+    try {
+        if constexpr (std::is_same_v<Store, PropertiesEx>) {
+            library.Load(in, sectionsAllowed);
+        } else {
+            library.Load(in);
+        }
+    } catch (const PropertiesException& e) {
+        const VelaHost_Utility::Exception::Context& context = e.GetContext();
+        result.kind = ReferenceResult::Kind::Refused;
+        result.site = std::string(context.m_File) + ":" + std::to_string(context.m_Line);
+        if (e.GetErrorCode() != 0x2FFF || e.GetText() != "PropertiesException" ||
+            context.m_CompName != nullptr ||
+            context.m_Logger != VelaHost_Utility::DefaultExceptionLogger) {
+            return "the library throws an exception with other fields than promised";
+        }
+    } catch (const std::out_of_range& e) {
+        result.kind = ReferenceResult::Kind::OutOfRange;
+        if (!std::string_view(e.what()).starts_with("basic_string::at")) {
+            return std::string("the library throws std::out_of_range with ") + e.what();
+        }
+    }
+    return {};
+}
+
 } // namespace
 
 ReaderComparison::ReaderComparison()
     : m_Puts(interposed::puts, [this](const char* line) -> std::optional<int> {
+          if (!m_IsLoading) {
+              return std::nullopt;
+          }
           m_Logged += line;
           m_Logged += '\n';
           return 1;
@@ -209,36 +241,20 @@ std::string ReaderComparison::Compare(const ReaderCase& readerCase)
     m_Results.clear();
 
     for (const std::string& file : readerCase.files) {
-        m_Logged.clear();
         std::istringstream in(file);
         ReferenceResult result;
-        std::string expectedLog;
-        try {
-            if constexpr (isSectioned) {
-                library.Load(in, sectionsAllowed);
-            } else {
-                library.Load(in);
-            }
-        } catch (const PropertiesException& e) {
-            const VelaHost_Utility::Exception::Context& context = e.GetContext();
-            result.kind = ReferenceResult::Kind::Refused;
-            result.site = std::string(context.m_File) + ":" + std::to_string(context.m_Line);
-            if (e.GetErrorCode() != 0x2FFF || e.GetText() != "PropertiesException" ||
-                context.m_CompName != nullptr ||
-                context.m_Logger != VelaHost_Utility::DefaultExceptionLogger) {
-                return "the library throws an exception with other fields than promised";
-            }
-            expectedLog = "PropertiesException at " + result.site + "\n";
-        } catch (const std::out_of_range& e) {
-            result.kind = ReferenceResult::Kind::OutOfRange;
-            if (std::string_view(e.what()).substr(0, 16) != "basic_string::at") {
-                return std::string("the library throws std::out_of_range with ") + e.what();
-            }
+        m_Logged.clear();
+        m_IsLoading = true;
+        const std::string breach = Load(library, in, sectionsAllowed, result);
+        m_IsLoading = false;
+        if (!breach.empty()) {
+            return breach;
         }
         in.clear();
-        result.consumed =
-            file.size() -
-            static_cast<std::size_t>(in.rdbuf()->in_avail() < 0 ? 0 : in.rdbuf()->in_avail());
+        result.consumed = static_cast<std::size_t>(in.tellg());
+        const std::string expectedLog = result.kind == ReferenceResult::Kind::Refused
+                                            ? "PropertiesException at " + result.site + "\n"
+                                            : "";
         if constexpr (isSectioned) {
             m_Results.push_back(ReferenceLoad(reference, file, sectionsAllowed));
         } else {

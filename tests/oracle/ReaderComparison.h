@@ -20,8 +20,7 @@ struct ReaderCase
 };
 
 /// Loads files with the library and with the reference reader and compares all that a program can
-/// see. While it lives, what the library writes to standard output by `puts` is compared, too, and
-/// written nowhere. One at a time.
+/// see, the lines that the library logs included: they are written nowhere. One at a time.
 class ReaderComparison
 {
 public:
@@ -37,6 +36,7 @@ private:
     std::string Compare(const ReaderCase& readerCase);
 
     std::vector<ReferenceResult> m_Results;
+    bool m_IsLoading = false; ///< What others write to standard output is let through.
     std::string m_Logged;
     Hook<int(const char*)> m_Puts;
 };
