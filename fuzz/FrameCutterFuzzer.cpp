@@ -89,6 +89,9 @@ public:
 
     void HandleIpcMessage(IpcMsgBuf& msg, int length) override
     {
+        // Handlers may copy a whole record, also at the end of the buffer.
+        const IpcMsgBuf copy = msg;
+        Require(std::memcmp(&copy, &msg, sizeof copy) == 0, "a whole record may be read");
         Require(msg.connection == 1, "a message carries its connection's id");
         Require(msg.mtype == length + static_cast<int>(s_Header), "lengths agree");
         m_Handled.push_back({msg.category, PayloadOf(msg, length)});
