@@ -1,7 +1,9 @@
 #include "support/Sanitizers.h"
 #include "support/interpose/Interposed.h"
 
+#include <algorithm>
 #include <ctime>
+#include <limits>
 #include <pthread.h>
 
 namespace velahost_test::interposed {
@@ -25,7 +27,8 @@ static int TimedwaitByTheNarrowEntry(pthread_cond_t* condition, pthread_mutex_t*
     static Interposed<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> s_Narrow(
         "pthread_cond_timedwait", FailureStyle::ErrorNumber);
     timespec narrow{};
-    narrow.tv_sec = static_cast<std::time_t>(deadline->tv_sec);
+    constexpr std::int64_t end = std::numeric_limits<std::time_t>::max();
+    narrow.tv_sec = static_cast<std::time_t>(std::min<std::int64_t>(deadline->tv_sec, end));
     narrow.tv_nsec = deadline->tv_nsec;
     return s_Narrow.Real(condition, mutex, &narrow);
 }
