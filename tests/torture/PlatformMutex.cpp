@@ -1,0 +1,47 @@
+#include "PlatformMutex.h"
+
+#include <stdexcept>
+
+namespace velahost_test {
+
+namespace {
+
+struct Attempt
+{
+    pthread_mutex_t* mutex;
+    bool succeeded = false;
+};
+
+void* TryIt(void* data)
+{
+    auto* attempt = static_cast<Attempt*>(data);
+    if (pthread_mutex_trylock(attempt->mutex) == 0) {
+        attempt->succeeded = true;
+        pthread_mutex_unlock(attempt->mutex);
+    }
+    return nullptr;
+}
+
+} // namespace
+
+bool IsHeld(pthread_mutex_t* mutex)
+{
+    // By another thread: a recursive mutex lets its holder in. Not std::thread, which moves memory
+    // from thread to thread.
+    Attempt attempt{mutex};
+    pthread_t thread{};
+    if (pthread_create(&thread, nullptr, TryIt, &attempt) != 0) {
+        throw std::runtime_error("no thread to try the mutex");
+    }
+    pthread_join(thread, nullptr);
+    return !attempt.succeeded;
+}
+
+void ReleaseIfHeld(pthread_mutex_t* mutex)
+{
+    while (IsHeld(mutex)) {
+        pthread_mutex_unlock(mutex);
+    }
+}
+
+} // namespace velahost_test
