@@ -1,8 +1,6 @@
-#include "Operation.h"
-
+#include "Objects.h"
 #include "PlatformMutex.h"
 
-#include "support/FailingAllocation.h"
 #include "support/FakeClock.h"
 #include "support/Interpose.h"
 #include "support/interpose/Interposed.h"
@@ -22,54 +20,6 @@ using VelaHost_OS::ThreadMutex;
 using VelaHost_OS::ThreadRecursiveMutex;
 using VelaHost_Utility::Lockable;
 using VelaHost_Utility::Locker;
-
-/// An object to be made on the heap.
-template <typename Object>
-struct Nothing
-{
-    Object* object = nullptr;
-
-    ~Nothing() { delete object; }
-
-    void Make()
-    {
-        delete object;
-        object = nullptr;
-        object = new Object;
-    }
-    std::string GetState() const { return object != nullptr ? "made" : "none"; }
-};
-
-/// An object on the heap, to be deleted.
-template <typename Object>
-struct Doomed
-{
-    Object* object = new Object;
-    WatchedBlock block{object};
-
-    ~Doomed()
-    {
-        if (block.GetFreeCount() == 0) {
-            ::operator delete(static_cast<void*>(object));
-        }
-    }
-
-    std::string GetState() const { return block.GetFreeCount() == 1 ? "freed" : "kept"; }
-};
-
-template <typename Object>
-Told Make(Nothing<Object>& f)
-{
-    f.Make();
-    return "made";
-}
-
-template <typename Object>
-Told Delete(Doomed<Object>& f)
-{
-    delete f.object;
-    return "deleted";
-}
 
 struct FreeMutex
 {

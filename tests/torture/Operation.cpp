@@ -109,6 +109,13 @@ Effect EndsProcess()
     return effect;
 }
 
+Effect Unlogged(const Effect& effect)
+{
+    Effect changed = effect;
+    changed.printed.clear();
+    return changed;
+}
+
 std::string Describe(const std::type_info& type, const Failure& failure)
 {
     std::ostringstream text;
@@ -129,7 +136,8 @@ Effect ThrowsSystem(int errnoValue)
 std::vector<Operation> AllOperations()
 {
     std::vector<Operation> all;
-    for (const auto table : {LockOperations, ThreadOperations}) {
+    for (const auto table :
+         {LockOperations, ThreadOperations, ThreadLocalOperations, TimerOperations}) {
         for (Operation& operation : table()) {
             all.push_back(std::move(operation));
         }

@@ -108,6 +108,8 @@ Effect Ignored();
 /// The operation returns and tells `words`.
 Effect Tells(std::string words);
 Effect EndsProcess();
+/// The same without a line on standard output.
+Effect Unlogged(const Effect& effect);
 /// As the engine tells an exception.
 std::string Describe(const std::type_info& type, const Failure& failure);
 /// `std::bad_alloc`, without a line printed.

@@ -1,5 +1,7 @@
 #include "PlatformMutex.h"
 
+#include "support/interpose/Interposed.h"
+
 #include <stdexcept>
 
 namespace velahost_test {
@@ -15,9 +17,9 @@ struct Attempt
 void* TryIt(void* data)
 {
     auto* attempt = static_cast<Attempt*>(data);
-    if (pthread_mutex_trylock(attempt->mutex) == 0) {
+    if (interposed::pthread_mutex_trylock.Real(attempt->mutex) == 0) {
         attempt->succeeded = true;
-        pthread_mutex_unlock(attempt->mutex);
+        interposed::pthread_mutex_unlock.Real(attempt->mutex);
     }
     return nullptr;
 }
@@ -30,17 +32,17 @@ bool IsHeld(pthread_mutex_t* mutex)
     // from thread to thread.
     Attempt attempt{mutex};
     pthread_t thread{};
-    if (pthread_create(&thread, nullptr, TryIt, &attempt) != 0) {
+    if (interposed::pthread_create.Real(&thread, nullptr, TryIt, &attempt) != 0) {
         throw std::runtime_error("no thread to try the mutex");
     }
-    pthread_join(thread, nullptr);
+    interposed::pthread_join.Real(thread, nullptr);
     return !attempt.succeeded;
 }
 
 void ReleaseIfHeld(pthread_mutex_t* mutex)
 {
     while (IsHeld(mutex)) {
-        pthread_mutex_unlock(mutex);
+        interposed::pthread_mutex_unlock.Real(mutex);
     }
 }
 
