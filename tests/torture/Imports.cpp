@@ -91,10 +91,11 @@ std::string SourceName(std::string_view import)
         return name;
     }
     name.erase(0, prefix.size());
-    if (import.ends_with(timeSuffix)) {
+    if (name.ends_with(timeSuffix)) {
         name.resize(name.size() - timeSuffix.size());
-    } else {
-        name.erase(name.rfind(width), width.size());
+    }
+    if (const std::size_t position = name.rfind(width); position != std::string::npos) {
+        name.erase(position, width.size());
     }
     return name;
 }

@@ -78,9 +78,9 @@ struct Event
                                                            event.Set();
                                                            return 0;
                                                        }};
-    Hook<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> timedSleep{
+    Hook<int(pthread_cond_t*, pthread_mutex_t*, const WideTimespec*)> timedSleep{
         interposed::pthread_cond_timedwait,
-        [](pthread_cond_t*, pthread_mutex_t*, const timespec*) { return ETIMEDOUT; }};
+        [](pthread_cond_t*, pthread_mutex_t*, const WideTimespec*) { return ETIMEDOUT; }};
 
     // The mutex is an event's first member.
     ~Event() { ReleaseIfHeld(PlatformMutex(event)); }
