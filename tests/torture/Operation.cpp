@@ -137,7 +137,8 @@ std::vector<Operation> AllOperations()
 {
     std::vector<Operation> all;
     for (const auto table :
-         {LockOperations, ThreadOperations, ThreadLocalOperations, TimerOperations}) {
+         {LockOperations, ThreadOperations, ThreadLocalOperations, TimerOperations,
+          ProcessOperations, SocketOperations, QueueOperations, TransportOperations}) {
         for (Operation& operation : table()) {
             all.push_back(std::move(operation));
         }
