@@ -56,8 +56,13 @@ Told Told::Success(bool succeeded)
 
 Effect Effect::Leaves(std::string newState) const&
 {
+    return LeavesOneOf({std::move(newState)});
+}
+
+Effect Effect::LeavesOneOf(std::vector<std::string> newStates) const&
+{
     Effect changed = *this;
-    changed.state = std::move(newState);
+    changed.states = std::move(newStates);
     return changed;
 }
 
@@ -65,6 +70,13 @@ Effect Effect::Prints(std::string lines) const&
 {
     Effect changed = *this;
     changed.printed = std::move(lines) + printed;
+    return changed;
+}
+
+Effect Effect::OrPrints(std::string lines) const&
+{
+    Effect changed = *this;
+    changed.printedOtherwise = std::move(lines);
     return changed;
 }
 
@@ -137,8 +149,9 @@ std::vector<Operation> AllOperations()
 {
     std::vector<Operation> all;
     for (const auto table :
-         {LockOperations, ThreadOperations, ThreadLocalOperations, TimerOperations,
-          ProcessOperations, SocketOperations, QueueOperations, TransportOperations}) {
+         {ExceptionOperations, LockOperations, ThreadOperations, ThreadLocalOperations,
+          TimerOperations, ProcessOperations, SocketOperations, QueueOperations,
+          TransportOperations, ReaderOperations, SharingOperations}) {
         for (Operation& operation : table()) {
             all.push_back(std::move(operation));
         }

@@ -84,8 +84,12 @@ public:
 
     /// `state` afterwards; otherwise that before the operation.
     Effect Leaves(std::string state) const&;
+    /// One of these states afterwards: how far the operation gets is not for the table to say.
+    Effect LeavesOneOf(std::vector<std::string> newStates) const&;
     /// `lines` on standard output before those of an exception that comes out.
     Effect Prints(std::string lines) const&;
+    /// Or these lines instead.
+    Effect OrPrints(std::string lines) const&;
     /// The operation, made once more on the same objects, tells `words`; otherwise what it usually
     /// tells.
     Effect Then(std::string words) const&;
@@ -96,8 +100,10 @@ public:
 
     Kind kind = Kind::Usual;
     std::string told = {};
-    std::optional<std::string> state = std::nullopt;
+    /// Those allowed; none: that before the operation.
+    std::vector<std::string> states = {};
     std::string printed = {};
+    std::optional<std::string> printedOtherwise = std::nullopt;
     std::optional<std::string> again = std::nullopt;
     bool mayRunAgain = true;
     bool keepsMemory = false;

@@ -290,6 +290,11 @@ std::vector<Operation> TimerOperations()
           {"pthread_mutex_unlock", each, EPERM, throws.Leaves("fired 1, held")},
           {"sigtimedwait", each, EINTR, Ignored()}}},
 
+        {"TimerService_GetInstance", With<Stopped>([](Stopped& f) {
+             return Told::Number(TimerService::GetInstance() == &f.service);
+         }),
+         Tells("1")},
+
         {"Timer_Construct",
          With<Stopped>([](Stopped& f) {
              const Timer timer(s_Interval, &f.counter, true);
