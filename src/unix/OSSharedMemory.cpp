@@ -13,6 +13,19 @@ namespace VelaHost_OS {
 
 namespace {
 
+/// Keeps the cause of a failure over the clearing up behind it.
+class KeptErrno
+{
+public:
+    KeptErrno() : m_Cause(errno) {}
+    KeptErrno(const KeptErrno&) = delete;
+    KeptErrno& operator=(const KeptErrno&) = delete;
+    ~KeptErrno() { errno = m_Cause; }
+
+private:
+    int m_Cause;
+};
+
 /// Readable zeros that cost address space only: the kernel shows its one page of zeros throughout.
 class Zeros
 {
@@ -26,6 +39,7 @@ public:
     ~Zeros()
     {
         if (IsValid()) {
+            const KeptErrno cause;
             munmap(m_Address, m_Length);
         }
     }
@@ -79,9 +93,8 @@ int SharedMemory::Create(unsigned int size)
     }
     umask(mask);
     if (!WriteThrough(m_Fd, zeros.Get(), size)) {
-        const int cause = errno;
+        const KeptErrno cause;
         unlink(m_Name.c_str());
-        errno = cause;
         return -1;
     }
     m_Size = size;
@@ -118,6 +131,7 @@ int SharedMemory::Delete()
 void SharedMemory::ReplaceFile(int fd)
 {
     if (m_Fd != -1) {
+        const KeptErrno cause;
         close(m_Fd);
     }
     m_Fd = fd;

@@ -396,6 +396,16 @@ TEST_F(SharedMemoryCreate, KeepsTheCauseWhenTheFileCannotBeRemovedEither)
     EXPECT_TRUE(unlink.WasHit());
 }
 
+TEST_F(SharedMemoryCreate, KeepsTheCauseWhenTheZerosCannotBeUnmapped)
+{
+    const FailingCall write("write", EIO);
+    const FailingCall unmap("munmap", ENOMEM);
+    SharedMemory memory(m_Path.c_str());
+    EXPECT_EQ(memory.Create(4096), -1);
+    EXPECT_EQ(GetLastError(), EIO);
+    EXPECT_TRUE(unmap.WasHit());
+}
+
 TEST_F(SharedMemoryCreate, FailsWhenTheFileMayNotGrowThatLarge)
 {
     // A limit that the kernel itself enforces by a short write.
@@ -597,6 +607,17 @@ TEST_F(SharedMemoryOpen, RefusesAMissingFile)
     EXPECT_EQ(memory.GetFd(), -1);
     EXPECT_EQ(memory.GetSize(), 0U);
     EXPECT_FALSE(std::filesystem::exists(m_Path));
+}
+
+TEST_F(SharedMemoryOpen, KeepsTheCauseWhenTheFormerFileCannotBeClosed)
+{
+    SharedMemory memory(m_Path.c_str());
+    ASSERT_EQ(memory.Create(4096), 0);
+    const FailingCall open("open", EMFILE);
+    const FailingCall close("close", EIO);
+    EXPECT_EQ(memory.Open(), -1);
+    EXPECT_EQ(GetLastError(), EMFILE);
+    EXPECT_TRUE(close.WasHit());
 }
 
 TEST_F(SharedMemoryOpen, DoesNotCheckTheSeeks)

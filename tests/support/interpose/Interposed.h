@@ -4,7 +4,9 @@
 #include "support/interpose/WideTime.h"
 
 #include <csignal>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <ctime>
 #include <pthread.h>
 #include <sys/msg.h>
@@ -98,6 +100,7 @@ extern Interposed<int(int, int, int, SemaphoreArgument)> semctl;
 
 // Signal.cpp
 extern Interposed<int(int, const sigset_t*, sigset_t*)> sigprocmask;
+extern Interposed<int(sigset_t*)> sigfillset;
 
 // Socket.cpp
 extern Interposed<int(int, int, int)> socket;
@@ -114,9 +117,12 @@ extern Interposed<int(int, const char*, void*)> inet_pton;
 
 // Stdio.cpp
 extern Interposed<int(const char*)> puts;
+extern Interposed<int(std::FILE*)> fflush;
+extern Interposed<int(char*, std::size_t, const char*, std::va_list)> vsnprintf;
 
 // System.cpp
 extern Interposed<long(int)> sysconf;
+extern Interposed<char*(const char*)> getenv;
 
 // TimerThread.cpp
 extern Interposed<int(sigset_t*)> sigemptyset;

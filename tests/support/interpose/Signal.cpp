@@ -6,8 +6,9 @@ namespace velahost_test::interposed {
 
 constinit Interposed<int(int, const sigset_t*, sigset_t*)>
     sigprocmask("sigprocmask", FailureStyle::MinusOneAndErrno);
+constinit Interposed<int(sigset_t*)> sigfillset("sigfillset", FailureStyle::MinusOneAndErrno);
 
-static const Registration s_Registration{&sigprocmask};
+static const Registration s_Registration{&sigprocmask, &sigfillset};
 
 } // namespace velahost_test::interposed
 
@@ -18,6 +19,11 @@ extern "C" {
 int sigprocmask(int how, const sigset_t* set, sigset_t* old) noexcept
 {
     return interposed::sigprocmask.Call(how, set, old);
+}
+
+int sigfillset(sigset_t* set) noexcept
+{
+    return interposed::sigfillset.Call(set);
 }
 
 } // extern "C"
