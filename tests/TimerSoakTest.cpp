@@ -74,7 +74,7 @@ private:
     static inline std::atomic<std::int64_t> s_Offset{0};
     static inline thread_local std::int64_t s_LastReading = 0;
 
-    Hook<int(timeval*, void*)> m_Hook;
+    Hook<int(WideTimeval*, void*)> m_Hook;
 };
 
 /// A timer that keeps accounts. All operations but the firing come from one thread, its owner.

@@ -68,7 +68,7 @@ constexpr std::size_t s_LongestStranger = 4096;
 constexpr std::size_t s_LongestWrite = 4096;
 // Connections at once, newcomers and strangers included, for which memory is set aside beforehand.
 constexpr int s_MostConnections = 80;
-constexpr std::int64_t s_MemoryTolerance = 64 * 1024;
+constexpr std::int64_t s_MemoryTolerance = 8 * 1024;
 
 constexpr std::uint16_t s_EchoCategory = 5;
 constexpr std::uint16_t s_QueryCategory = 7;
