@@ -95,7 +95,7 @@ struct Page
     int port = 0;
     int queueId = 0;
     unsigned int descriptors = 0;
-    std::int64_t memory = 0;
+    std::int64_t memory = 0; ///< In use on the heap; 0 where a sanitizer has replaced it.
     int queueConnections = 0;
     int tcpConnections = 0;
 
@@ -834,7 +834,9 @@ TEST_F(TransportSoak, LosesReordersAndCorruptsNothingAndKeepsNothing)
                std::to_string(m_Page.sessions) + " sessions, " + std::to_string(kills) +
                " kills, " + std::to_string(m_Page.faults) + " lost or corrupt, descriptors " +
                std::to_string(before.descriptors) + " -> " + std::to_string(after.descriptors) +
-               ", memory " + std::to_string(before.memory) + " -> " + std::to_string(after.memory));
+               (before.memory == 0 ? ", memory not known"
+                                   : ", memory " + std::to_string(before.memory) + " -> " +
+                                         std::to_string(after.memory)));
 }
 
 } // namespace
