@@ -29,9 +29,14 @@ function(velahost_example name)
     target_link_libraries(${name} PRIVATE velahost Threads::Threads)
 endfunction()
 
-# velahost_test(NAME SOURCE...): a GoogleTest program whose tests ctest runs one process each.
+# velahost_test(NAME SOURCE... [TIMEOUT SECONDS]): a GoogleTest program whose tests ctest runs one
+# process each.
 function(velahost_test name)
-    add_executable(${name} ${ARGN})
+    cmake_parse_arguments(PARSE_ARGV 1 test "" "TIMEOUT" "")
+    if(NOT test_TIMEOUT)
+        set(test_TIMEOUT 120)
+    endif()
+    add_executable(${name} ${test_UNPARSED_ARGUMENTS})
     velahost_configure_target(${name})
     if(VELAHOST_SANITIZE)
         # Optimising instrumented test code takes longer than running it.
@@ -40,5 +45,5 @@ function(velahost_test name)
     target_link_libraries(${name} PRIVATE velahost velahost_test_support GTest::gmock_main)
     gtest_discover_tests(${name}
         DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT 120)
+        PROPERTIES TIMEOUT ${test_TIMEOUT})
 endfunction()

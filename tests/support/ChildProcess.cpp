@@ -36,7 +36,8 @@ pid_t ForkTied()
 ChildProcess::ChildProcess(const std::function<int()>& body) : m_Pid(ForkTied())
 {
     if (m_Pid == 0) {
-        const int status = body();
+        // Unwinding would destroy, in the child, what belongs to the parent.
+        const int status = [&]() noexcept { return body(); }();
         std::fflush(nullptr);
         _exit(status);
     }

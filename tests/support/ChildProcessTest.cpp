@@ -6,13 +6,17 @@
 
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <optional>
 #include <poll.h>
+#include <stdexcept>
 #include <string>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -96,6 +100,19 @@ TEST(ChildProcess, DiesWithItsParent)
     ASSERT_EQ(poll(&end, 1, 30'000), 1);
     EXPECT_EQ(read(ends[0], &ready, 1), 0);
     close(ends[0]);
+}
+
+TEST(ChildProcess, IsAbortedByAnExceptionAndLeavesItsParentsObjectsAlone)
+{
+    const TemporaryDirectory directory;
+    ChildProcess child([]() -> int {
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_CORE, &none);
+        dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+        throw std::runtime_error("of the child");
+    });
+    EXPECT_EQ(child.WaitForExitStatus(), -SIGABRT);
+    EXPECT_TRUE(std::filesystem::exists(directory.GetPath()));
 }
 
 TEST(ChildProcess, RunsAProgramWithItsArguments)

@@ -7,6 +7,7 @@
 #include "support/Pipe.h"
 #include "support/Sanitizers.h"
 #include "support/SemaphoreFile.h"
+#include "support/Soak.h"
 #include "support/TemporaryDirectory.h"
 #include "support/ThrownException.h"
 #include "support/interpose/FileStatus.h"
@@ -1372,23 +1373,37 @@ TEST_F(ProcessMutexDestructor, NeverClosesDescriptorZero)
 }
 
 // The soak: processes lock, stay inside for a moment and unlock, while they are killed at random
-// moments and replaced. Inside, each owns a link that cannot be made while another one exists; what
-// a killed owner left is removed by the next, which is the proof of a kill inside.
+// moments and replaced. Who is inside says so in shared memory and takes it back before unlocking;
+// what the next one finds there is the proof of a kill inside.
+
+struct MutexSoakTargets
+{
+    unsigned int killsInside; ///< Proven ones; the soak goes on until it has them.
+    std::chrono::seconds bound;
+};
+
+constexpr MutexSoakTargets s_ShortSoak{40, std::chrono::seconds(60)};
+constexpr MutexSoakTargets s_FullSoak{1000, std::chrono::seconds(110)};
+constexpr std::size_t s_SoakProcesses = 8;
 
 /// What the processes of a soak share.
 struct SoakPage
 {
     std::atomic<bool> stop{false};
     std::atomic<bool> violated{false};
+    std::atomic<pid_t> inside{0}; ///< 0: nobody.
     std::atomic<unsigned int> entries{0};
-    std::atomic<unsigned int> inherited{0};
+    std::atomic<unsigned int> killedInside{0};
 };
 
 /// True when the process has ended or is on its way out of the kernel: a dying process may still
 /// look alive to `kill` when the next one already owns its mutex.
-bool IsDyingOrDead(const std::string& pid)
+bool IsDyingOrDead(pid_t pid)
 {
-    const std::string status = ReadFile("/proc/" + pid + "/stat");
+    std::string status;
+    // Stays empty also when the process vanishes between the opening and the reading.
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    std::getline(file, status);
     const std::size_t name = status.rfind(')');
     if (name == std::string::npos) {
         return true;
@@ -1399,22 +1414,19 @@ bool IsDyingOrDead(const std::string& pid)
     return (flags & exiting) != 0;
 }
 
-void StayInside(const std::string& marker, SoakPage& page, unsigned int microseconds)
+void StayInside(SoakPage& page, unsigned int microseconds)
 {
-    const std::string self = std::to_string(getpid());
-    std::error_code error;
-    while (symlink(self.c_str(), marker.c_str()) != 0) {
-        const std::string owner = std::filesystem::read_symlink(marker, error);
-        if (error || !IsDyingOrDead(owner)) {
+    const pid_t self = getpid();
+    if (const pid_t former = page.inside.exchange(self); former != 0) {
+        if (!IsDyingOrDead(former)) {
             page.violated = true;
             return;
         }
-        std::filesystem::remove(marker, error);
-        ++page.inherited;
+        ++page.killedInside;
     }
     ++page.entries;
     usleep(microseconds);
-    if (!std::filesystem::remove(marker, error)) {
+    if (page.inside.exchange(0) != self) {
         page.violated = true;
     }
 }
@@ -1422,7 +1434,7 @@ void StayInside(const std::string& marker, SoakPage& page, unsigned int microsec
 /// What protects the soak: the mutex as it is, or with a part of it taken away.
 enum class Guard { Whole, WithoutUndo, None };
 
-int SoakProcess(Guard guard, const std::string& marker, SoakPage& page)
+int SoakProcess(Guard guard, SoakPage& page)
 {
     const SemopHook semop = WithFlags([guard](short flags) -> std::optional<short> {
         if (guard == Guard::None) {
@@ -1436,7 +1448,7 @@ int SoakProcess(Guard guard, const std::string& marker, SoakPage& page)
     mutex.Init();
     while (!page.stop && !page.violated) {
         mutex.Lock();
-        StayInside(marker, page, stay(random));
+        StayInside(page, stay(random));
         mutex.Unlock();
     }
     return 0;
@@ -1447,33 +1459,33 @@ struct SoakResult
     bool violated = false;
     bool stalled = false;
     unsigned int entries = 0;
-    unsigned int killedInside = 0;
+    unsigned int kills = 0;
+    unsigned int killsInside = 0;
 };
 
-/// Ends with the first violation, when nobody has entered for `stallLimit`, or after `length` once
-/// at least three owners have been killed inside.
-SoakResult Soak(const Place& place, Guard guard, std::chrono::milliseconds length,
-                std::chrono::milliseconds stallLimit)
+/// Ends when enough owners have been killed inside, with the first violation, when nobody has
+/// entered for `stallLimit`, or at its bound.
+SoakResult Soak(Guard guard, const MutexSoakTargets& targets, std::chrono::milliseconds stallLimit)
 {
     using Clock = std::chrono::steady_clock;
     void* memory =
         mmap(nullptr, sizeof(SoakPage), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     SoakPage& page = *new (memory) SoakPage;
     ProcessMutex(s_Name).Init();
-    const std::string marker = place.install.File("inside");
     const auto start = [&] {
-        return std::make_unique<ChildProcess>([&] { return SoakProcess(guard, marker, page); });
+        return std::make_unique<ChildProcess>([&] { return SoakProcess(guard, page); });
     };
     std::vector<std::unique_ptr<ChildProcess>> processes;
-    std::generate_n(std::back_inserter(processes), 4, start);
+    std::generate_n(std::back_inserter(processes), s_SoakProcesses, start);
 
     SoakResult result;
     std::minstd_rand random(static_cast<unsigned int>(getpid()));
     std::uniform_int_distribution<std::size_t> victim(0, processes.size() - 1);
     std::uniform_int_distribution<int> pause(1, 8);
-    const auto end = Clock::now() + length;
+    const auto end = Clock::now() + targets.bound;
     auto lastEntry = Clock::now();
-    while (!page.violated && !result.stalled && (Clock::now() < end || page.inherited < 3)) {
+    while (!page.violated && !result.stalled && page.killedInside < targets.killsInside &&
+           Clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(pause(random)));
         if (const unsigned int entries = page.entries; entries != result.entries) {
             result.entries = entries;
@@ -1484,6 +1496,7 @@ SoakResult Soak(const Place& place, Guard guard, std::chrono::milliseconds lengt
         process->Kill(SIGKILL);
         process->Wait();
         process = start();
+        ++result.kills;
     }
     page.stop = true;
     if (!result.stalled) {
@@ -1493,42 +1506,42 @@ SoakResult Soak(const Place& place, Guard guard, std::chrono::milliseconds lengt
     }
     processes.clear();
     result.violated = page.violated;
-    result.killedInside = page.inherited;
+    result.killsInside = page.killedInside;
     munmap(memory, sizeof(SoakPage));
     return result;
 }
 
-std::chrono::seconds SoakLength()
-{
-    const char* seconds = std::getenv("VELAHOST_SOAK_SECONDS");
-    return std::chrono::seconds(seconds != nullptr ? std::atoi(seconds) : 2);
-}
-
 TEST_F(ProcessMutexSoak, SurvivesKilledHolders)
 {
-    const SoakResult result = Soak(m_Place, Guard::Whole, SoakLength(), std::chrono::seconds(30));
+    const MutexSoakTargets targets = SelectSoak(s_ShortSoak, s_FullSoak);
+    const SoakResult result = Soak(Guard::Whole, targets, std::chrono::seconds(30));
     EXPECT_FALSE(result.violated);
     EXPECT_FALSE(result.stalled);
-    EXPECT_GE(result.killedInside, 3U);
+    EXPECT_GE(result.killsInside, targets.killsInside);
     EXPECT_EQ(m_Place.semaphore.GetValue(), 1);
-    std::printf("%u entries, %u owners killed inside\n", result.entries, result.killedInside);
+    ReportSoak(std::to_string(s_SoakProcesses) + " processes, " + std::to_string(result.kills) +
+               " kills, " + std::to_string(result.killsInside) + " proven inside, " +
+               std::to_string(result.entries) + " entries, " +
+               (result.violated ? "exclusion violated, " : "0 violations, ") +
+               (result.stalled ? "stalled" : "0 stalls"));
 }
 
 TEST_F(ProcessMutexSoak, StallsWithoutUndo)
 {
     // The control: it is the undo that the soak above depends on.
-    const SoakResult result =
-        Soak(m_Place, Guard::WithoutUndo, std::chrono::minutes(1), std::chrono::seconds(1));
+    const SoakResult result = Soak(Guard::WithoutUndo, s_ShortSoak, std::chrono::seconds(1));
     EXPECT_TRUE(result.stalled);
     EXPECT_FALSE(result.violated);
     EXPECT_EQ(m_Place.semaphore.GetValue(), 0);
+    ReportSoak("without undo: " + std::string(result.stalled ? "stalled" : "went on") + " after " +
+               std::to_string(result.entries) + " entries and " + std::to_string(result.kills) +
+               " kills");
 }
 
 TEST_F(ProcessMutexSoak, SeesWhenNothingExcludes)
 {
     // The other control: two inside at once are noticed.
-    const SoakResult result =
-        Soak(m_Place, Guard::None, std::chrono::minutes(1), std::chrono::seconds(30));
+    const SoakResult result = Soak(Guard::None, s_ShortSoak, std::chrono::seconds(30));
     EXPECT_TRUE(result.violated);
 }
 
