@@ -2,6 +2,8 @@
 include_guard()
 find_package(Threads REQUIRED)
 
+set(VELAHOST_TEST_TIMEOUT 120 CACHE STRING "Seconds that a test may take")
+
 set(VELAHOST_WARNINGS
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
     -Wnon-virtual-dtor -Werror)
@@ -40,5 +42,5 @@ function(velahost_test name)
     target_link_libraries(${name} PRIVATE velahost velahost_test_support GTest::gmock_main)
     gtest_discover_tests(${name}
         DISCOVERY_TIMEOUT 60
-        PROPERTIES TIMEOUT 120)
+        PROPERTIES TIMEOUT ${VELAHOST_TEST_TIMEOUT})
 endfunction()
