@@ -137,6 +137,24 @@ TEST(TimerException, TakesAnyCode)
     EXPECT_EQ(TimerException(site, 7, ~0U).GetText(), "TimerException(Sys=0xffffffff)");
 }
 
+TEST_F(TimerTest, GoesOnPastJanuary2038)
+{
+    StartThread();
+    Clock().Set(2'147'483'647);
+    m_Thread.Wake();
+    Timer timer(1000, &m_Handler, true);
+    timer.Start();
+    m_Thread.Wake();
+    EXPECT_TRUE(m_Fired.empty());
+    for (std::size_t firings = 1; firings <= 3; ++firings) {
+        m_Thread.WakeAfter(999);
+        EXPECT_EQ(m_Fired.size(), firings - 1);
+        m_Thread.WakeAfter(1);
+        EXPECT_EQ(m_Fired.size(), firings);
+    }
+    timer.Stop();
+}
+
 using TimerConstruction = TimerTest;
 
 TEST_F(TimerConstruction, MakesAStoppedTimer)

@@ -19,11 +19,12 @@ const char* FindInstallDirectory()
 mode_t GetSharedFilePermissions()
 {
     const char* directory = FindInstallDirectory();
-    // In a 32-bit process plain `stat` fails on a file system with 64-bit inode numbers, and the
-    // permissions would silently become the widest ones.
-    struct stat64 status
+    struct stat status
     {};
-    if (stat64(directory != nullptr ? directory : "/usr/vela", &status) != 0) {
+    // With 32-bit inode numbers or times this would fail where a file system has larger ones, and
+    // the permissions would silently become the widest ones.
+    static_assert(sizeof status.st_ino == 8 && sizeof status.st_mtime == 8);
+    if (stat(directory != nullptr ? directory : "/usr/vela", &status) != 0) {
         return s_ReadAndWrite;
     }
     return status.st_mode & s_ReadAndWrite;

@@ -20,6 +20,8 @@ constexpr int s_NanosecondsPerMillisecond = 1'000'000;
 constexpr std::int64_t s_NanosecondsPerSecond = 1'000'000'000;
 constexpr std::int64_t s_NanosecondsPerMicrosecond = 1000;
 
+static_assert(sizeof(std::time_t) == 8, "the clock goes on after January 2038");
+
 timeval ReadClock()
 {
     timeval now{};

@@ -26,8 +26,9 @@ timespec DeadlineAfter(int seconds, long nanoseconds)
     timeval now{};
     gettimeofday(&now, nullptr);
     timespec deadline{};
-    deadline.tv_sec = static_cast<std::time_t>(std::int64_t{now.tv_sec} + seconds);
-    deadline.tv_nsec = now.tv_usec * s_NanosecondsPerMicrosecond + nanoseconds;
+    static_assert(sizeof now.tv_sec == 8, "the sum can't overflow, before or after 2038");
+    deadline.tv_sec = now.tv_sec + seconds;
+    deadline.tv_nsec = static_cast<long>(now.tv_usec) * s_NanosecondsPerMicrosecond + nanoseconds;
     return deadline;
 }
 

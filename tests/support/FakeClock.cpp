@@ -13,11 +13,11 @@ constexpr std::int64_t s_MicrosecondsPerMillisecond = 1000;
 
 FakeClock::FakeClock(std::int64_t seconds, std::int64_t microseconds)
     : m_State(std::make_shared<State>()),
-      m_Hook(interposed::gettimeofday, [state = m_State](timeval* time, void*) {
+      m_Hook(interposed::gettimeofday, [state = m_State](WideTimeval* time, void*) {
           ++state->reads;
           const std::int64_t now = state->microseconds;
-          time->tv_sec = static_cast<decltype(time->tv_sec)>(now / s_MicrosecondsPerSecond);
-          time->tv_usec = static_cast<decltype(time->tv_usec)>(now % s_MicrosecondsPerSecond);
+          time->tv_sec = now / s_MicrosecondsPerSecond;
+          time->tv_usec = now % s_MicrosecondsPerSecond;
           return 0;
       })
 {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Interpose.h"
+#include "interpose/WideTime.h"
 
 #include <atomic>
 #include <cstdint>
@@ -31,7 +32,7 @@ private:
 
     // Shared with the hook: a thread may read the clock while it is being taken away.
     std::shared_ptr<State> m_State;
-    Hook<int(timeval*, void*)> m_Hook;
+    Hook<int(WideTimeval*, void*)> m_Hook;
 };
 
 } // namespace velahost_test

@@ -33,6 +33,21 @@ TEST(FakeClock, StandsWhereItIsSet)
     EXPECT_EQ(clock.GetReadCount(), 5U);
 }
 
+/// The entry that code with 64-bit time is linked with at 32 bit.
+extern "C" int ReadWideClock(WideTimeval* time, void* zone) noexcept asm("__gettimeofday64");
+
+TEST(FakeClock, AnswersUnderBothNames)
+{
+    const FakeClock clock(4'294'967'301, 5);
+    WideTimeval now{};
+    EXPECT_EQ(ReadWideClock(&now, nullptr), 0);
+    EXPECT_EQ(now.tv_sec, 4'294'967'301);
+    EXPECT_EQ(now.tv_usec, 5);
+    // What doesn't fit is cut off, as by the platform.
+    const long cut = sizeof(long) == 4 ? 5 : static_cast<long>(now.tv_sec);
+    EXPECT_EQ(Now(), std::pair(cut, 5L));
+}
+
 TEST(FakeClock, IsEveryThreadsClock)
 {
     const FakeClock clock(1000);

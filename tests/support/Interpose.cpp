@@ -87,11 +87,11 @@ int InterposedBase::NextError()
 
 void* InterposedBase::FindReal() const
 {
-    void* next = dlsym(RTLD_NEXT, m_Name);
+    void* next = dlsym(RTLD_NEXT, m_Symbol);
     if (next == nullptr) {
-        GiveUp("no such function to forward to", m_Name);
+        GiveUp("no such function to forward to", m_Symbol);
     }
-    return IsInCLibrary(next) ? CurrentVersion(m_Name, next) : next;
+    return IsInCLibrary(next) ? CurrentVersion(m_Symbol, next) : next;
 }
 
 bool& InterposedBase::InsideHook()

@@ -33,6 +33,7 @@ public:
     InterposedBase& operator=(const InterposedBase&) = delete;
 
     const char* GetName() const { return m_Name; }
+    const char* GetSymbol() const { return m_Symbol; }
 
     /// Every interposed function of this program.
     static std::vector<InterposedBase*> All();
@@ -41,7 +42,8 @@ public:
 
 protected:
     // Constant-initialised: the C library may call before any constructor has run.
-    explicit constexpr InterposedBase(const char* name) : m_Name(name) {}
+    constexpr InterposedBase(const char* name, const char* symbol) : m_Name(name), m_Symbol(symbol)
+    {}
     ~InterposedBase() = default;
 
     /// The error that this call is to fail with, or 0.
@@ -55,6 +57,7 @@ private:
     friend class FailingCall;
 
     const char* m_Name;
+    const char* m_Symbol;
     std::atomic<bool> m_Armed{false};
     std::atomic<int> m_OnlyThread{0};
     std::atomic<unsigned int> m_Calls{0};
@@ -80,8 +83,9 @@ class Interposed<Result(Arguments...)> final : public InterposedBase
 public:
     using HookFunction = std::function<std::optional<Result>(Arguments...)>;
 
-    constexpr Interposed(const char* name, FailureStyle style)
-        : InterposedBase(name), m_Style(style)
+    /// `symbol` is what the C library calls the real function, where that is another name.
+    constexpr Interposed(const char* name, FailureStyle style, const char* symbol = nullptr)
+        : InterposedBase(name, symbol != nullptr ? symbol : name), m_Style(style)
     {}
 
     /// What the interposing function does with its arguments.

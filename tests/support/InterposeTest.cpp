@@ -128,12 +128,12 @@ TEST(CallCounter, CountsAndFailsNothing)
     EXPECT_FALSE(counter.WasHit());
 }
 
-using ClockHook = Hook<int(timeval*, void*)>;
+using ClockHook = Hook<int(WideTimeval*, void*)>;
 
 TEST(Hook, AnswersInsteadOfTheRealFunction)
 {
     {
-        const ClockHook hook(interposed::gettimeofday, [](timeval* time, void*) {
+        const ClockHook hook(interposed::gettimeofday, [](WideTimeval* time, void*) {
             time->tv_sec = 5;
             return 17;
         });
@@ -149,7 +149,7 @@ TEST(Hook, AnswersInsteadOfTheRealFunction)
 TEST(Hook, WatchesAndPassesOn)
 {
     int seen = 0;
-    const ClockHook hook(interposed::gettimeofday, [&](timeval*, void*) -> std::optional<int> {
+    const ClockHook hook(interposed::gettimeofday, [&](WideTimeval*, void*) -> std::optional<int> {
         ++seen;
         return std::nullopt;
     });
@@ -162,9 +162,12 @@ TEST(Hook, WatchesAndPassesOn)
 TEST(Hook, MayCallTheFunctionItself)
 {
     int seen = 0;
-    const ClockHook hook(interposed::gettimeofday, [&](timeval* time, void*) {
+    const ClockHook hook(interposed::gettimeofday, [&](WideTimeval* time, void*) {
         ++seen;
-        return gettimeofday(time, nullptr) + 1;
+        timeval now{};
+        const int result = gettimeofday(&now, nullptr);
+        time->tv_sec = now.tv_sec;
+        return result + 1;
     });
     timeval now{};
     EXPECT_EQ(gettimeofday(&now, nullptr), 1);
@@ -174,14 +177,14 @@ TEST(Hook, MayCallTheFunctionItself)
 
 TEST(Hook, IsAskedOnEveryThread)
 {
-    const ClockHook hook(interposed::gettimeofday, [](timeval*, void*) { return 3; });
+    const ClockHook hook(interposed::gettimeofday, [](WideTimeval*, void*) { return 3; });
     std::thread([] { EXPECT_EQ(ReadClock(), 3); }).join();
 }
 
 TEST(Hook, ComesAfterAFailure)
 {
     int seen = 0;
-    const ClockHook hook(interposed::gettimeofday, [&](timeval*, void*) {
+    const ClockHook hook(interposed::gettimeofday, [&](WideTimeval*, void*) {
         ++seen;
         return 0;
     });
@@ -195,8 +198,8 @@ TEST(Hook, ComesAfterAFailure)
 TEST(Hook, ThatThrowsIsAskedAgain)
 {
     int seen = 0;
-    const Hook<int(const timespec*, timespec*)> hook(
-        interposed::nanosleep, [&](const timespec*, timespec*) -> std::optional<int> {
+    const Hook<int(const WideTimespec*, WideTimespec*)> hook(
+        interposed::nanosleep, [&](const WideTimespec*, WideTimespec*) -> std::optional<int> {
             ++seen;
             throw std::runtime_error("from the hook");
         });

@@ -8,6 +8,7 @@
 #include "support/SemaphoreFile.h"
 #include "support/TemporaryDirectory.h"
 #include "support/ThrownException.h"
+#include "support/interpose/FileStatus.h"
 #include "support/interpose/Interposed.h"
 
 #include <VelaHost_Utility/Exception.h>
@@ -153,7 +154,7 @@ class BeforeEveryCall
 public:
     explicit BeforeEveryCall(const Action& action)
         : m_Umask(Before(interposed::umask, action)),
-          m_Stat(Before(interposed::stat64, action)),
+          m_Stat(Before(interposed::stat, action)),
           m_Open(Before(interposed::open, action)),
           m_Ftok(Before(interposed::ftok, action)),
           m_Semget(Before(interposed::semget, action)),
@@ -166,7 +167,7 @@ public:
 
 private:
     Hook<mode_t(mode_t)> m_Umask;
-    Hook<int(const char*, struct stat64*)> m_Stat;
+    Hook<int(const char*, FileStatus*)> m_Stat;
     Hook<int(const char*, int, mode_t)> m_Open;
     Hook<key_t(const char*, int)> m_Ftok;
     Hook<int(key_t, int, int)> m_Semget;
@@ -174,7 +175,7 @@ private:
     Hook<ssize_t(int, const void*, std::size_t)> m_Write;
     Hook<ssize_t(int, void*, std::size_t)> m_Read;
     Hook<int(int)> m_Close;
-    Hook<int(const timespec*, timespec*)> m_Sleep;
+    Hook<int(const WideTimespec*, WideTimespec*)> m_Sleep;
 };
 
 /// How a fresh process fares with a mutex of unknown state.
@@ -200,7 +201,7 @@ Outcome AskFreshProcess()
 {
     ChildProcess child([] {
         int looks = 0;
-        const Hook sleep(interposed::nanosleep, [&](const timespec*, timespec*) {
+        const Hook sleep(interposed::nanosleep, [&](const WideTimespec*, WideTimespec*) {
             if (++looks == 3) {
                 _exit(static_cast<int>(Outcome::Waits));
             }
@@ -410,7 +411,7 @@ TEST_P(ProcessMutexPermissions, AreTheInstallDirectorysWhateverTheMask)
 TEST_F(ProcessMutexInit, GivesEverybodyAccessWhenTheInstallDirectoryCannotBeExamined)
 {
     m_Place.install.SetMode(0700);
-    const FailingCall stat("stat64", EACCES);
+    const FailingCall stat("stat", EACCES);
     ASSERT_EQ(ProcessMutex(s_Name).Init(), 0);
     EXPECT_TRUE(stat.WasHit());
     EXPECT_EQ(GetMode(m_Place.File()), 0666U);
@@ -448,13 +449,13 @@ TEST_P(ProcessMutexDefaultDirectory, GivesThePermissionsWithoutTheVariable)
     ProcessMutex mutex(directory.File(s_Name).substr(std::strlen("/tmp/")).c_str());
     std::vector<std::string> examined;
     {
-        const Hook stat(interposed::stat64, [&](const char* path, struct stat64* status) {
+        const Hook stat(interposed::stat, [&](const char* path, FileStatus* status) {
             examined.emplace_back(path);
             if (!GetParam().directory) {
                 errno = ENOENT;
                 return -1;
             }
-            status->st_mode = S_IFDIR | *GetParam().directory;
+            SetMode(status, S_IFDIR | *GetParam().directory);
             return 0;
         });
         ASSERT_EQ(mutex.Init(), 0);
@@ -603,7 +604,7 @@ TEST_F(ProcessMutexInit, LooksForTheMarkEveryHalfSecond)
     m_Place.LeaveFile("");
     int looks = 0;
     const CallCounter reads("read");
-    const Hook sleep(interposed::nanosleep, [&](const timespec* time, timespec*) {
+    const Hook sleep(interposed::nanosleep, [&](const WideTimespec* time, WideTimespec*) {
         EXPECT_EQ(time->tv_sec, 0);
         EXPECT_EQ(time->tv_nsec, 500'000'000);
         EXPECT_EQ(reads.GetCallCount(), static_cast<unsigned int>(++looks));
@@ -636,7 +637,7 @@ TEST_F(ProcessMutexInit, TakesAFailedReadForAMissingMark)
 {
     m_Place.LeaveFile("\x01");
     int sleeps = 0;
-    const Hook sleep(interposed::nanosleep, [&](const timespec*, timespec*) {
+    const Hook sleep(interposed::nanosleep, [&](const WideTimespec*, WideTimespec*) {
         ++sleeps;
         return 0;
     });
@@ -648,7 +649,7 @@ TEST_F(ProcessMutexInit, TakesAFailedReadForAMissingMark)
 TEST_F(ProcessMutexInit, LooksAgainAfterAnInterruptedSleep)
 {
     m_Place.LeaveFile("");
-    const Hook sleep(interposed::nanosleep, [&](const timespec*, timespec*) {
+    const Hook sleep(interposed::nanosleep, [&](const WideTimespec*, WideTimespec*) {
         m_Place.LeaveFile("\x01");
         errno = EINTR;
         return -1;
@@ -706,9 +707,9 @@ TEST_F(ProcessMutexInit, MayBeCancelledWhileItWaits)
     m_Place.LeaveFile("");
     const Pipe waiting;
     const unsigned int descriptors = CountDescriptors();
-    const Hook sleep(interposed::nanosleep, [&](const timespec* time, timespec* rest) {
+    const Hook sleep(interposed::nanosleep, [&](const WideTimespec* time, WideTimespec* rest) {
         waiting.Send();
-        return nanosleep(time, rest);
+        return interposed::nanosleep.Real(time, rest);
     });
     ProcessMutex mutex(s_Name);
     pthread_t thread{};
@@ -751,7 +752,7 @@ TEST_P(ProcessMutexCreation, IsWaitedForToItsEnd)
     const Pipe looked;
     const Pipe lookAgain;
     ChildProcess other([&] {
-        const Hook sleep(interposed::nanosleep, [&](const timespec*, timespec*) {
+        const Hook sleep(interposed::nanosleep, [&](const WideTimespec*, WideTimespec*) {
             looked.Send();
             if (!lookAgain.Receive()) {
                 _exit(2);
@@ -784,7 +785,7 @@ TEST_F(ProcessMutexInit, HasExactlyOneCreatorAmongMany)
             children.push_back(std::make_unique<ChildProcess>([&] {
                 // Shorter naps; the wait itself stays.
                 const Hook sleep(interposed::nanosleep,
-                                 [](const timespec*, timespec*) { return usleep(1000); });
+                                 [](const WideTimespec*, WideTimespec*) { return usleep(1000); });
                 ProcessMutex mutex(s_Name);
                 ready.Send();
                 start.Receive();
@@ -852,7 +853,7 @@ TEST_F(ProcessMutexInit, OfAKilledCreatorLeavesAWaitOrAUsableMutex)
     }
     using testing::Pair;
     EXPECT_THAT(outcomes, testing::ElementsAre(
-                              Pair("umask", Outcome::Created), Pair("stat64", Outcome::Created),
+                              Pair("umask", Outcome::Created), Pair("stat", Outcome::Created),
                               Pair("open", Outcome::Created), Pair("umask", Outcome::Waits),
                               Pair("ftok", Outcome::Waits), Pair("semget", Outcome::Waits),
                               Pair("semctl", Outcome::Waits), Pair("write", Outcome::Waits),
@@ -872,7 +873,7 @@ TEST_F(ProcessMutexInit, OfAKilledAttacherLeavesAUsableMutex)
         }
         calls.push_back(*call);
     }
-    EXPECT_THAT(calls, testing::ElementsAre("umask", "stat64", "open", "umask", "ftok", "semget",
+    EXPECT_THAT(calls, testing::ElementsAre("umask", "stat", "open", "umask", "ftok", "semget",
                                             "open", "read", "close"));
 }
 

@@ -6,6 +6,7 @@
 #include "support/Interpose.h"
 #include "support/Pipe.h"
 #include "support/TemporaryDirectory.h"
+#include "support/interpose/FileStatus.h"
 #include "support/interpose/Interposed.h"
 
 #include <VelaHost_OS/SystemInfo.h>
@@ -29,6 +30,7 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <type_traits>
 #include <unistd.h>
 #include <vector>
@@ -296,10 +298,25 @@ TEST_F(SharedMemoryCreate, GivesEverybodyAccessWhenTheVariableIsEmpty)
 TEST_F(SharedMemoryCreate, GivesEverybodyAccessWhenTheInstallDirectoryCannotBeExamined)
 {
     m_Install.SetMode(0700);
-    const FailingCall stat("stat64", EACCES);
+    const FailingCall stat("stat", EACCES);
     ASSERT_EQ(SharedMemory(m_Path.c_str()).Create(1), 0);
     EXPECT_TRUE(stat.WasHit());
     EXPECT_EQ(GetMode(m_Path), 0666U);
+}
+
+TEST_F(SharedMemoryCreate, ReadsTheInstallDirectoryPastJanuary2038)
+{
+    m_Install.SetMode(0700);
+    WideTimespec times[2]{};
+    times[0].tv_sec = times[1].tv_sec = 2'209'032'000; // in 2040
+#ifdef SYS_utimensat_time64
+    constexpr long call = SYS_utimensat_time64;
+#else
+    constexpr long call = SYS_utimensat;
+#endif
+    ASSERT_EQ(syscall(call, AT_FDCWD, m_Install.GetPath().c_str(), times, 0), 0);
+    ASSERT_EQ(SharedMemory(m_Path.c_str()).Create(1), 0);
+    EXPECT_EQ(GetMode(m_Path), 0600U);
 }
 
 TEST_F(SharedMemoryCreate, LooksAtTheDefaultDirectoryWithoutTheVariable)
@@ -307,9 +324,9 @@ TEST_F(SharedMemoryCreate, LooksAtTheDefaultDirectoryWithoutTheVariable)
     const InstallVariable variable(std::nullopt);
     std::string examined;
     {
-        const Hook stat(interposed::stat64, [&](const char* path, struct stat64* status) {
+        const Hook stat(interposed::stat, [&](const char* path, FileStatus* status) {
             examined = path;
-            status->st_mode = S_IFDIR | 0751;
+            SetMode(status, S_IFDIR | 0751);
             return 0;
         });
         ASSERT_EQ(SharedMemory(m_Path.c_str()).Create(1), 0);

@@ -159,8 +159,8 @@ INSTANTIATE_TEST_SUITE_P(Of, RoundedMilliseconds,
 TEST(GetLocalTime, PassesALeapSecondOn)
 {
     const FakeClock clock(s_LeapSunday);
-    const Hook<std::tm*(const std::time_t*, std::tm*)> leap(
-        interposed::localtime_r, [](const std::time_t* seconds, std::tm* local) {
+    const Hook<std::tm*(const std::int64_t*, std::tm*)> leap(
+        interposed::localtime_r, [](const std::int64_t* seconds, std::tm* local) {
             EXPECT_EQ(*seconds, s_LeapSunday);
             *local = {};
             local->tm_sec = 60;
@@ -220,6 +220,23 @@ TEST(WallClock, GoesBackWhenItIsSetBack)
     clock.AdvanceMilliseconds(-3'600'000);
     EXPECT_EQ(GetElapsedSecs(), seconds - 3600);
     EXPECT_EQ(gethrtime(), nanoseconds - 3'600'000'000'000);
+}
+
+TEST(WallClock, GoesOnPastJanuary2038)
+{
+    const TimeZone zone("UTC0");
+    FakeClock clock(INT_MAX);
+    EXPECT_EQ(LocalTime(), (std::vector{2038, 1, 2, 19, 3, 14, 7, 0}));
+    clock.AdvanceMilliseconds(1000);
+    EXPECT_EQ(LocalTime(), (std::vector{2038, 1, 2, 19, 3, 14, 8, 0}));
+    EXPECT_EQ(LogTime(), (std::vector{3U, 14U, 8U, 0U}));
+    EXPECT_EQ(gethrtime(), 2'147'483'648'000'000'000);
+    // Its 32-bit result wraps, so that differences stay right.
+    EXPECT_EQ(GetElapsedSecs(), INT_MIN);
+    // 1 January 2200.
+    clock.Set(7'258'118'400);
+    EXPECT_EQ(LocalTime(), (std::vector{2200, 1, 3, 1, 0, 0, 0, 0}));
+    EXPECT_EQ(gethrtime(), 7'258'118'400'000'000'000);
 }
 
 TEST(WallClock, IsTheSystems)
@@ -282,7 +299,7 @@ TEST(UnreadableClock, MakesGethrtimeZero)
     EXPECT_EQ(output.Stop(), "");
 }
 
-using Sleep = Hook<int(const timespec*, timespec*)>;
+using Sleep = Hook<int(const WideTimespec*, WideTimespec*)>;
 
 TEST(SleepMilliseconds, SleepsOnceForSecondsAndNanoseconds)
 {
@@ -292,7 +309,7 @@ TEST(SleepMilliseconds, SleepsOnceForSecondsAndNanoseconds)
     for (const auto& [milliseconds, time] : expected) {
         int calls = 0;
         std::pair<std::int64_t, long> asked;
-        const Sleep sleep(interposed::nanosleep, [&](const timespec* wanted, timespec*) {
+        const Sleep sleep(interposed::nanosleep, [&](const WideTimespec* wanted, WideTimespec*) {
             ++calls;
             asked = {wanted->tv_sec, wanted->tv_nsec};
             return 0;

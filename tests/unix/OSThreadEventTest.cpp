@@ -54,7 +54,7 @@ public:
           m_Wait(interposed::pthread_cond_wait,
                  [this](pthread_cond_t*, pthread_mutex_t* mutex) { return Begin(mutex); }),
           m_TimedWait(interposed::pthread_cond_timedwait,
-                      [this](pthread_cond_t*, pthread_mutex_t* mutex, const timespec*) {
+                      [this](pthread_cond_t*, pthread_mutex_t* mutex, const WideTimespec*) {
                           return Begin(mutex);
                       })
     {}
@@ -85,7 +85,7 @@ private:
     std::atomic<pthread_mutex_t*> m_Mutex{nullptr};
     std::counting_semaphore<> m_Begun{0};
     Hook<int(pthread_cond_t*, pthread_mutex_t*)> m_Wait;
-    Hook<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> m_TimedWait;
+    Hook<int(pthread_cond_t*, pthread_mutex_t*, const WideTimespec*)> m_TimedWait;
 };
 
 /// A thread in `Wait`.
@@ -113,18 +113,18 @@ public:
     explicit ScriptedTimedWait(std::function<int(int call)> action)
         : m_Action(std::move(action)),
           m_Hook(interposed::pthread_cond_timedwait,
-                 [this](pthread_cond_t*, pthread_mutex_t*, const timespec* deadline) {
+                 [this](pthread_cond_t*, pthread_mutex_t*, const WideTimespec* deadline) {
                      m_Deadlines.push_back(*deadline);
                      return std::optional<int>(m_Action(static_cast<int>(m_Deadlines.size())));
                  })
     {}
 
-    const std::vector<timespec>& GetDeadlines() const { return m_Deadlines; }
+    const std::vector<WideTimespec>& GetDeadlines() const { return m_Deadlines; }
 
 private:
     std::function<int(int)> m_Action;
-    std::vector<timespec> m_Deadlines;
-    Hook<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> m_Hook;
+    std::vector<WideTimespec> m_Deadlines;
+    Hook<int(pthread_cond_t*, pthread_mutex_t*, const WideTimespec*)> m_Hook;
 };
 
 bool IsHeld(pthread_mutex_t* mutex)
@@ -433,7 +433,7 @@ TEST(ThreadEventWait, ThatTimesOutDoesNotLookAtTheEvent)
     pthread_mutex_t* mutex = nullptr;
     {
         const Hook hook(interposed::pthread_cond_timedwait,
-                        [&](pthread_cond_t*, pthread_mutex_t* held, const timespec*) {
+                        [&](pthread_cond_t*, pthread_mutex_t* held, const WideTimespec*) {
                             mutex = held;
                             event.Set();
                             return std::optional<int>(ETIMEDOUT);
@@ -517,14 +517,32 @@ INSTANTIATE_TEST_SUITE_P(Arithmetic, ThreadEventDeadline,
                                            DeadlineCase{-2500, 600'000, 1'699'999'998, 100'000'000},
                                            DeadlineCase{INT_MIN, 0, 1'697'852'517, -648'000'000}));
 
-TEST(ThreadEventDeadline, PastTheEndOfTimeWrapsInsteadOfWaiting)
+TEST(ThreadEventWait, GoesOnPastJanuary2038)
 {
-    if (sizeof(std::time_t) > sizeof(std::int32_t)) {
-        GTEST_SKIP() << "time does not end";
-    }
+    // The platform's own clock is years behind, so the wait lasts until the event is set. Cut to
+    // 32 bits the deadline would be in 1901 and the wait over at once.
     ThreadEvent event;
+    SleepWatch watch;
     const FakeClock clock(std::numeric_limits<std::int32_t>::max());
+    Waiter waiter(event, 1000);
+    watch.AwaitSleepers(1);
+    event.Set();
+    EXPECT_TRUE(waiter.GetResult());
+    EXPECT_EQ(event.GetWaitCount(), 1U);
+    EXPECT_EQ(event.GetWaitStart(), 2'147'483'647'000'000'000);
+    EXPECT_EQ(event.GetWaitEnd(), 2'147'483'647'000'000'000);
+}
+
+TEST(ThreadEventDeadline, CrossesTheEndOf32BitTime)
+{
+    ThreadEvent event;
+    const ScriptedTimedWait wait([](int) { return ETIMEDOUT; });
+    FakeClock clock(std::numeric_limits<std::int32_t>::max());
     EXPECT_FALSE(event.Wait(1000));
+    clock.Set(4'294'967'296);
+    EXPECT_FALSE(event.Wait(INT_MAX));
+    EXPECT_EQ(std::int64_t{wait.GetDeadlines()[0].tv_sec}, 2'147'483'648);
+    EXPECT_EQ(std::int64_t{wait.GetDeadlines()[1].tv_sec}, 4'297'114'779);
 }
 
 TEST(ThreadEventWait, TakesNegativeTimesForThePast)
@@ -728,7 +746,7 @@ TEST(ThreadEventLayout, KeepsItsFieldsInOrder)
     pthread_mutex_t* mutex = nullptr;
     FakeClock clock(1'700'000'000);
     const Hook hook(interposed::pthread_cond_timedwait,
-                    [&](pthread_cond_t* waitedFor, pthread_mutex_t* held, const timespec*) {
+                    [&](pthread_cond_t* waitedFor, pthread_mutex_t* held, const WideTimespec*) {
                         condition = waitedFor;
                         mutex = held;
                         clock.AdvanceMilliseconds(1);

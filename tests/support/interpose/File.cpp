@@ -18,14 +18,12 @@ constinit Interposed<int(int)> fsync("fsync", FailureStyle::MinusOneAndErrno);
 constinit Interposed<int(int)> close("close", FailureStyle::MinusOneAndErrno);
 constinit Interposed<int(const char*)> unlink("unlink", FailureStyle::MinusOneAndErrno);
 constinit Interposed<mode_t(mode_t)> umask("umask", FailureStyle::MinusOneAndErrno);
-constinit Interposed<int(const char*, struct ::stat64*)> stat64("stat64",
-                                                                FailureStyle::MinusOneAndErrno);
 constinit Interposed<void*(void*, std::size_t, int, int, int, off_t)>
     mmap("mmap", FailureStyle::MinusOneAndErrno);
 constinit Interposed<int(void*, std::size_t)> munmap("munmap", FailureStyle::MinusOneAndErrno);
 
-static const Registration s_Registration{&open,   &read,  &write,  &lseek, &fsync, &close,
-                                         &unlink, &umask, &stat64, &mmap,  &munmap};
+static const Registration s_Registration{&open,  &read,   &write, &lseek, &fsync,
+                                         &close, &unlink, &umask, &mmap,  &munmap};
 
 // ThreadSanitizer maps memory for itself before instrumented code may run.
 static bool s_Started = false;
@@ -86,11 +84,6 @@ int unlink(const char* path) noexcept
 mode_t umask(mode_t mask) noexcept
 {
     return interposed::umask.Call(mask);
-}
-
-int stat64(const char* path, struct stat64* status) noexcept
-{
-    return interposed::stat64.Call(path, status);
 }
 
 [[gnu::no_sanitize_thread]] void* mmap(void* hint, std::size_t length, int protection, int flags,

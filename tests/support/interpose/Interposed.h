@@ -1,6 +1,7 @@
 #pragma once
 
 #include "support/Interpose.h"
+#include "support/interpose/WideTime.h"
 
 #include <csignal>
 #include <cstdint>
@@ -10,7 +11,6 @@
 #include <sys/select.h>
 #include <sys/sem.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 
 namespace velahost_test {
@@ -28,9 +28,9 @@ union SemaphoreArgument {
 namespace velahost_test::interposed {
 
 // Clock.cpp
-extern Interposed<int(timeval*, void*)> gettimeofday;
-extern Interposed<int(const timespec*, timespec*)> nanosleep;
-extern Interposed<std::tm*(const std::time_t*, std::tm*)> localtime_r;
+extern Interposed<int(WideTimeval*, void*)> gettimeofday;
+extern Interposed<int(const WideTimespec*, WideTimespec*)> nanosleep;
+extern Interposed<std::tm*(const std::int64_t*, std::tm*)> localtime_r;
 
 // DynamicLoading.cpp
 extern Interposed<void*(const char*, int)> dlopen;
@@ -45,7 +45,6 @@ extern Interposed<int(int)> fsync;
 extern Interposed<int(int)> close;
 extern Interposed<int(const char*)> unlink;
 extern Interposed<mode_t(mode_t)> umask;
-extern Interposed<int(const char*, struct ::stat64*)> stat64;
 extern Interposed<void*(void*, std::size_t, int, int, int, off_t)> mmap;
 extern Interposed<int(void*, std::size_t)> munmap;
 
@@ -75,7 +74,8 @@ extern Interposed<int(pthread_cond_t*, const pthread_condattr_t*)> pthread_cond_
 extern Interposed<int(pthread_cond_t*)> pthread_cond_destroy;
 extern Interposed<int(pthread_cond_t*)> pthread_cond_broadcast;
 extern Interposed<int(pthread_cond_t*, pthread_mutex_t*)> pthread_cond_wait;
-extern Interposed<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> pthread_cond_timedwait;
+extern Interposed<int(pthread_cond_t*, pthread_mutex_t*, const WideTimespec*)>
+    pthread_cond_timedwait;
 
 // PthreadKey.cpp, absent under the thread sanitizer. A value is carried as a number: the platform's
 // header promises the compiler that nobody looks behind the pointer.

@@ -13,8 +13,9 @@ constinit Interposed<int(pthread_cond_t*)> pthread_cond_broadcast("pthread_cond_
                                                                   FailureStyle::ErrorNumber);
 constinit Interposed<int(pthread_cond_t*, pthread_mutex_t*)>
     pthread_cond_wait("pthread_cond_wait", FailureStyle::ErrorNumber);
-constinit Interposed<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)>
-    pthread_cond_timedwait("pthread_cond_timedwait", FailureStyle::ErrorNumber);
+constinit Interposed<int(pthread_cond_t*, pthread_mutex_t*, const WideTimespec*)>
+    pthread_cond_timedwait("pthread_cond_timedwait", FailureStyle::ErrorNumber,
+                           WideSymbol("pthread_cond_timedwait", "__pthread_cond_timedwait64"));
 
 static const Registration s_Registration{&pthread_cond_init, &pthread_cond_destroy,
                                          &pthread_cond_broadcast, &pthread_cond_wait,
@@ -23,8 +24,12 @@ static const Registration s_Registration{&pthread_cond_init, &pthread_cond_destr
 } // namespace velahost_test::interposed
 
 namespace interposed = velahost_test::interposed;
+using velahost_test::WideTimespec;
 
 extern "C" {
+
+int WideTimedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                  const WideTimespec* deadline) asm("__pthread_cond_timedwait64");
 
 int pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes) noexcept
 {
@@ -46,10 +51,16 @@ int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
     return interposed::pthread_cond_wait.Call(condition, mutex);
 }
 
+int WideTimedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, const WideTimespec* deadline)
+{
+    return interposed::pthread_cond_timedwait.Call(condition, mutex, deadline);
+}
+
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                            const timespec* deadline)
 {
-    return interposed::pthread_cond_timedwait.Call(condition, mutex, deadline);
+    const WideTimespec wide = velahost_test::Widened(*deadline);
+    return interposed::pthread_cond_timedwait.Call(condition, mutex, &wide);
 }
 
 } // extern "C"
