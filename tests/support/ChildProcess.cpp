@@ -9,6 +9,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace VelaHost_Utility {
+
+/// The library has it in coverage builds.
+[[gnu::weak]] void WriteCoverageCounters();
+
+} // namespace VelaHost_Utility
+
 namespace velahost_test {
 
 namespace {
@@ -38,6 +45,9 @@ ChildProcess::ChildProcess(const std::function<int()>& body) : m_Pid(ForkTied())
     if (m_Pid == 0) {
         const int status = body();
         std::fflush(nullptr);
+        if (&VelaHost_Utility::WriteCoverageCounters != nullptr) {
+            VelaHost_Utility::WriteCoverageCounters();
+        }
         _exit(status);
     }
 }
