@@ -54,8 +54,12 @@ def main(report):
     all_lines = all_reached = all_branches = all_taken = 0
     print(f"{'source':<50} {'lines':>7} {'%':>7} {'branches':>9} {'%':>7}")
     missing = []
-    for file in sorted(json.loads(pathlib.Path(report).read_text())["files"],
-                       key=lambda file: file["file"]):
+    files = sorted(json.loads(pathlib.Path(report).read_text())["files"],
+                   key=lambda file: file["file"])
+    for name in sorted(set(WHOLE) - {file["file"] for file in files}):
+        if name.endswith(".cpp"):
+            failures.append(f"{name}: nothing is known of it")
+    for file in files:
         name = file["file"]
         text = (ROOT / name).read_text().splitlines()
         lines = [line for line in file["lines"] if not line["gcovr/noncode"]]
