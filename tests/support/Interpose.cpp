@@ -85,13 +85,13 @@ int InterposedBase::NextError()
     return call >= m_First && call <= m_Last ? m_Error.load() : 0;
 }
 
-void* InterposedBase::FindReal() const
+void* InterposedBase::FindReal(const char* symbol)
 {
-    void* next = dlsym(RTLD_NEXT, m_Symbol);
+    void* next = dlsym(RTLD_NEXT, symbol);
     if (next == nullptr) {
-        GiveUp("no such function to forward to", m_Symbol);
+        GiveUp("no such function to forward to", symbol);
     }
-    return IsInCLibrary(next) ? CurrentVersion(m_Symbol, next) : next;
+    return IsInCLibrary(next) ? CurrentVersion(symbol, next) : next;
 }
 
 bool& InterposedBase::InsideHook()

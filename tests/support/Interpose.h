@@ -48,7 +48,7 @@ protected:
 
     /// The error that this call is to fail with, or 0.
     int NextError();
-    void* FindReal() const;
+    static void* FindReal(const char* symbol);
 
     /// Set while this thread runs a hook: what the hook itself calls is forwarded.
     static bool& InsideHook();
@@ -109,10 +109,16 @@ public:
     {
         void* real = m_Real.load(std::memory_order_relaxed);
         if (real == nullptr) {
-            real = FindReal();
+            real = FindReal(GetSymbol());
             m_Real.store(real, std::memory_order_relaxed);
         }
         return reinterpret_cast<Result (*)(Arguments...)>(real)(arguments...);
+    }
+
+    /// Calls go to `function` as to the real one from now on.
+    void ReplaceReal(Result (*function)(Arguments...))
+    {
+        m_Real.store(reinterpret_cast<void*>(function), std::memory_order_relaxed);
     }
 
 private:

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstdlib>
+#include <cstring>
+
 namespace velahost_test {
 
 /// True in a program built with the thread sanitizer, which itself reports (or trips over) what
@@ -9,5 +12,12 @@ inline constexpr bool isThreadSanitized = true;
 #else
 inline constexpr bool isThreadSanitized = false;
 #endif
+
+/// True while one of valgrind's tools runs the program.
+inline bool IsOnValgrind()
+{
+    const char* const preloaded = std::getenv("LD_PRELOAD");
+    return preloaded != nullptr && std::strstr(preloaded, "vgpreload") != nullptr;
+}
 
 } // namespace velahost_test

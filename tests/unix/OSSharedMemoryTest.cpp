@@ -416,7 +416,7 @@ TEST_F(SharedMemoryCreate, FailsWhenTheFileMayNotGrowThatLarge)
 bool MountSmallFileSystem(const std::string& path)
 {
     return (unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) &&
-           mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("none", path.c_str(), "tmpfs", 0, "size=64k") == 0;
 }
 

@@ -1,3 +1,4 @@
+#include "support/Sanitizers.h"
 #include "support/interpose/Interposed.h"
 
 #include <ctime>
@@ -16,6 +17,25 @@ constinit Interposed<int(pthread_cond_t*, pthread_mutex_t*)>
 constinit Interposed<int(pthread_cond_t*, pthread_mutex_t*, const WideTimespec*)>
     pthread_cond_timedwait("pthread_cond_timedwait", FailureStyle::ErrorNumber,
                            WideSymbol("pthread_cond_timedwait", "__pthread_cond_timedwait64"));
+
+/// Valgrind's tools follow a timed wait only by its narrow entry, and with it who holds the mutex.
+static int TimedwaitByTheNarrowEntry(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                     const WideTimespec* deadline)
+{
+    static Interposed<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> s_Narrow(
+        "pthread_cond_timedwait", FailureStyle::ErrorNumber);
+    timespec narrow{};
+    narrow.tv_sec = static_cast<std::time_t>(deadline->tv_sec);
+    narrow.tv_nsec = deadline->tv_nsec;
+    return s_Narrow.Real(condition, mutex, &narrow);
+}
+
+[[gnu::constructor]] static void Start()
+{
+    if (!wide::isDefault && IsOnValgrind()) {
+        pthread_cond_timedwait.ReplaceReal(TimedwaitByTheNarrowEntry);
+    }
+}
 
 static const Registration s_Registration{&pthread_cond_init, &pthread_cond_destroy,
                                          &pthread_cond_broadcast, &pthread_cond_wait,
