@@ -2,6 +2,8 @@
 include_guard()
 find_package(Threads REQUIRED)
 
+set(VELAHOST_TEST_TIMEOUT "" CACHE STRING "Seconds that a test may take, whatever it asks for")
+
 set(VELAHOST_WARNINGS
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
     -Wnon-virtual-dtor -Werror)
@@ -33,7 +35,9 @@ endfunction()
 # process each.
 function(velahost_test name)
     cmake_parse_arguments(PARSE_ARGV 1 test "" "TIMEOUT" "")
-    if(NOT test_TIMEOUT)
+    if(VELAHOST_TEST_TIMEOUT)
+        set(test_TIMEOUT ${VELAHOST_TEST_TIMEOUT})
+    elseif(NOT test_TIMEOUT)
         set(test_TIMEOUT 120)
     endif()
     add_executable(${name} ${test_UNPARSED_ARGUMENTS})

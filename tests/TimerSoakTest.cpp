@@ -404,7 +404,7 @@ TEST(TimerSoak, FailsWithoutTheLock)
         dup2(quiet, STDOUT_FILENO);
         dup2(quiet, STDERR_FILENO);
         // A queue in disorder may also go round in circles.
-        alarm(20);
+        alarm(10);
         static auto* const s_Mutex = reinterpret_cast<pthread_mutex_t*>(
             reinterpret_cast<char*>(static_cast<void*>(TimerService::GetInstance())) +
             sizeof(void*));

@@ -72,8 +72,11 @@ private:
 
 std::string MakePath(const char* name)
 {
-    const char* directory = FindInstallDirectory();
-    std::string path = directory != nullptr ? std::string(directory) + "/temp/" : "/tmp/";
+    std::string path("/tmp/");
+    if (const char* directory = FindInstallDirectory()) {
+        path = directory;
+        path += "/temp/";
+    }
     return path += name;
 }
 

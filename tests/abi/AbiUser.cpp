@@ -1,11 +1,25 @@
 #include "AbiUser.h"
 
+#include <VelaHost_Ipc/ClientSocket.h>
+#include <VelaHost_Ipc/IpcMsgQueueTransport.h>
+#include <VelaHost_Ipc/IpcSocketException.h>
+#include <VelaHost_Ipc/IpcSocketTransport.h>
+#include <VelaHost_OS/ProcessMutex.h>
+#include <VelaHost_OS/SharedMemory.h>
+#include <VelaHost_OS/SystemInfo.h>
+#include <VelaHost_OS/ThreadEvent.h>
+#include <VelaHost_OS/ThreadLocalType.h>
+#include <VelaHost_OS/TimerQueue.h>
+#include <VelaHost_Utility/Observer.h>
+#include <VelaHost_Utility/PropertiesEx.h>
+#include <VelaHost_Utility/Timer.h>
+
 // Compiled once for each language level; ABI_USER names the function that hands its user out.
 
 namespace {
 
-using VelaHost_OS::ThreadMutex;
-using VelaHost_OS::ThreadRecursiveMutex;
+using namespace VelaHost_Ipc;
+using namespace VelaHost_OS;
 using namespace VelaHost_Utility;
 
 using Layout = std::vector<std::pair<std::string, std::size_t>>;
@@ -78,6 +92,45 @@ public:
         AddClass<FeatureNotSupportedException>(layout, "FeatureNotSupportedException");
         AddClass<NotImplementedException>(layout, "NotImplementedException");
         AddClass<SystemException>(layout, "SystemException");
+        AddClass<IpcMsgException>(layout, "IpcMsgException");
+        AddClass<IpcMsgBuf>(layout, "IpcMsgBuf");
+        AddClass<IpcMsgHandler>(layout, "IpcMsgHandler");
+        AddClass<IpcLogAdapter>(layout, "IpcLogAdapter");
+        AddClass<IpcMsgQueue>(layout, "IpcMsgQueue");
+        AddClass<IpcConnectionData>(layout, "IpcConnectionData");
+        AddClass<IpcMsgQueueTransport>(layout, "IpcMsgQueueTransport");
+        AddClass<IpcMsgQueueTransport::Config>(layout, "IpcMsgQueueTransport::Config");
+        AddClass<IpcMsgQueueTransport::Connection>(layout, "IpcMsgQueueTransport::Connection");
+        AddClass<IpcConnectionManager<IpcMsgQueueTransport>>(layout, "IpcConnectionManager");
+        AddClass<IpcSocketException>(layout, "IpcSocketException");
+        AddClass<IpcSocketTransport>(layout, "IpcSocketTransport");
+        AddClass<IpcSocketTransport::Config>(layout, "IpcSocketTransport::Config");
+        AddClass<IpcSocketTransport::Connection>(layout, "IpcSocketTransport::Connection");
+        AddClass<Socket>(layout, "Socket");
+        AddClass<ClientSocket>(layout, "ClientSocket");
+        AddClass<ServerSocket>(layout, "ServerSocket");
+        AddClass<ProcessMutex>(layout, "ProcessMutex");
+        AddClass<SharedMemory>(layout, "SharedMemory");
+        AddClass<ThreadEvent>(layout, "ThreadEvent");
+        AddClass<ThreadLocalType>(layout, "ThreadLocalType");
+        AddClass<TimerService>(layout, "TimerService");
+        AddClass<TimerService::Request>(layout, "TimerService::Request");
+        AddClass<TimerQueue>(layout, "TimerQueue");
+        AddClass<_SYSTEMTIME>(layout, "_SYSTEMTIME");
+        AddClass<Observable>(layout, "Observable");
+        AddClass<Observer>(layout, "Observer");
+        AddClass<RefCount>(layout, "RefCount");
+        AddClass<SmartPointer<Observer>>(layout, "SmartPointer");
+        AddClass<Property>(layout, "Property");
+        AddClass<UIntProperty>(layout, "UIntProperty");
+        AddClass<StringProperty>(layout, "StringProperty");
+        AddClass<Properties>(layout, "Properties");
+        AddClass<PropertiesEx>(layout, "PropertiesEx");
+        AddClass<PropertiesSection>(layout, "PropertiesSection");
+        AddClass<PropertiesException>(layout, "PropertiesException");
+        AddClass<Timer>(layout, "Timer");
+        AddClass<Timer::Handler>(layout, "Timer::Handler");
+        AddClass<TimerException>(layout, "TimerException");
         ReachableMutex mutex;
         layout.emplace_back("ThreadRecursiveMutex::m_Mutex", mutex.GetOffset());
         LockableSecond second;

@@ -1,8 +1,9 @@
+#include "LibrarySymbols.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <memory>
+#include <map>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -12,24 +13,16 @@
 
 namespace {
 
+using velahost_test::ReadSymbols;
+
 using ::testing::Contains;
 using ::testing::IsEmpty;
 
 /// The demangled names of the symbols that the library defines for others.
 std::vector<std::string> ExportedSymbols()
 {
-    const std::string command =
-        std::string(VELAHOST_TEST_NM) + " -D --defined-only -C " + VELAHOST_TEST_LIBRARY;
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> output(popen(command.c_str(), "r"),
-                                                                 pclose);
-    std::string text;
-    char part[4096];
-    std::size_t length = 0;
-    while ((length = std::fread(part, 1, sizeof part, output.get())) > 0) {
-        text.append(part, length);
-    }
     std::vector<std::string> names;
-    std::istringstream lines(text);
+    std::istringstream lines(ReadSymbols("-C"));
     // ADDRESS KIND NAME
     std::string address;
     std::string kind;
@@ -38,6 +31,25 @@ std::vector<std::string> ExportedSymbols()
         names.push_back(name);
     }
     return names;
+}
+
+/// How many words each exported virtual table has, by the name of its class.
+std::map<std::string, std::size_t> VirtualTableWords()
+{
+    constexpr std::string_view kind = "vtable for ";
+    std::map<std::string, std::size_t> words;
+    std::istringstream lines(ReadSymbols("-C -S"));
+    for (std::string line; std::getline(lines, line);) {
+        if (const std::size_t at = line.find(kind); at != std::string::npos) {
+            // ADDRESS SIZE KIND NAME
+            std::istringstream fields(line);
+            std::string address;
+            std::size_t size = 0;
+            fields >> address >> std::hex >> size;
+            words[line.substr(at + kind.size())] = size / sizeof(void*);
+        }
+    }
+    return words;
 }
 
 /// Removes `prefix` from the start of `name`, when it is there.
@@ -99,6 +111,48 @@ TEST(Exports, HoldTheClassesAndFunctions)
         EXPECT_THAT(names, Contains(std::string("typeinfo for ") + name));
         EXPECT_THAT(names, Contains(std::string("vtable for ") + name));
     }
+}
+
+TEST(Exports, HoldVirtualTablesOfTheRightLengthAndNoOthers)
+{
+    // Two words come before the slots: where the object begins, and its type.
+    constexpr std::size_t destructors = 2 + 2;
+    // A virtual base adds a table, and an offset to each of the two.
+    constexpr std::size_t virtualBase = 1 + destructors + 1;
+    const std::map<std::string, std::size_t> expected = {
+        {"VelaHost_Ipc::ClientSocket", destructors},
+        {"VelaHost_Ipc::IpcLogAdapter", destructors + 5},
+        {"VelaHost_Ipc::IpcMsgException", destructors},
+        {"VelaHost_Ipc::IpcMsgHandler", destructors + 2},
+        {"VelaHost_Ipc::IpcMsgQueueTransport", destructors + 2},
+        {"VelaHost_Ipc::IpcSocketException", destructors},
+        {"VelaHost_Ipc::IpcSocketTransport::Connection", destructors},
+        {"VelaHost_Ipc::ServerSocket", destructors},
+        {"VelaHost_Ipc::Socket", destructors},
+        {"VelaHost_OS::ThreadLocalType", destructors + 4},
+        {"VelaHost_OS::ThreadMutex", destructors},
+        {"VelaHost_OS::ThreadRecursiveMutex", destructors},
+        {"VelaHost_OS::TimerQueue", destructors + 2},
+        {"VelaHost_OS::TimerService", destructors + 2},
+        {"VelaHost_OS::TimerService::ReqHandler", 2 + 1},
+        {"VelaHost_Utility::BadParmException", destructors},
+        {"VelaHost_Utility::BadStateException", destructors},
+        {"VelaHost_Utility::Exception", destructors},
+        {"VelaHost_Utility::FeatureNotSupportedException", destructors},
+        {"VelaHost_Utility::Lockable", destructors},
+        {"VelaHost_Utility::Locker", destructors},
+        {"VelaHost_Utility::NotImplementedException", destructors},
+        {"VelaHost_Utility::Observer", destructors + virtualBase},
+        {"VelaHost_Utility::Properties", destructors},
+        {"VelaHost_Utility::PropertiesEx", destructors},
+        {"VelaHost_Utility::PropertiesException", destructors},
+        {"VelaHost_Utility::PropertiesSection", destructors},
+        {"VelaHost_Utility::RefCount", destructors},
+        {"VelaHost_Utility::SystemException", destructors},
+        {"VelaHost_Utility::Timer", 1 + destructors + virtualBase},
+        {"VelaHost_Utility::TimerException", destructors},
+    };
+    EXPECT_EQ(VirtualTableWords(), expected);
 }
 
 } // namespace

@@ -9,6 +9,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace VelaHost_Utility {
+
+/// The library has it in coverage builds.
+[[gnu::weak]] void WriteCoverageCounters();
+
+} // namespace VelaHost_Utility
+
 namespace velahost_test {
 
 namespace {
@@ -39,6 +46,9 @@ ChildProcess::ChildProcess(const std::function<int()>& body) : m_Pid(ForkTied())
         // Unwinding would destroy, in the child, what belongs to the parent.
         const int status = [&]() noexcept { return body(); }();
         std::fflush(nullptr);
+        if (&VelaHost_Utility::WriteCoverageCounters != nullptr) {
+            VelaHost_Utility::WriteCoverageCounters();
+        }
         _exit(status);
     }
 }

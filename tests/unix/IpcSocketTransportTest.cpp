@@ -24,6 +24,7 @@
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
+#include <malloc.h>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -210,6 +211,13 @@ TEST(IpcSocketTransportConnection, KeepsABufferOfTheSameSizeAndEmptiesIt)
     connection.AllocBuffer(0);
     EXPECT_EQ(connection.bufferSize, 0);
     EXPECT_NE(connection.buffer, nullptr);
+}
+
+TEST(IpcSocketTransportConnection, HasRoomForAWholeRecordBehindItsBuffer)
+{
+    IpcSocketTransport::Connection connection(7);
+    connection.AllocBuffer(s_MaxFrameSize);
+    EXPECT_GE(malloc_usable_size(connection.buffer), s_MaxFrameSize + sizeof(IpcMsgBuf));
 }
 
 TEST(IpcSocketTransportConnection, KeepsItsBufferWhenTheNewOneCannotBeHad)

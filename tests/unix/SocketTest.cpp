@@ -297,6 +297,17 @@ TEST(SocketBind, RefusesPortsThatDoNotExist)
     EXPECT_EQ(calls.GetCallCount(), 0U);
 }
 
+TEST(SocketBind, TakesTheHighestPort)
+{
+    OwnedSocket socket;
+    ASSERT_TRUE(socket.create(AF_INET));
+    // Nobody else's use of the port decides.
+    const Hook hook(interposed::bind,
+                    [](int, const sockaddr*, socklen_t) -> std::optional<int> { return 0; });
+    EXPECT_TRUE(socket.bind(65535));
+    EXPECT_EQ(ntohs(InetAddress(socket).sin_port), 65535);
+}
+
 TEST(SocketBind, MakesTheSocketFileWithTheWholeRecordsLength)
 {
     const TemporaryDirectory directory;
