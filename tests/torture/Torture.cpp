@@ -5,6 +5,7 @@
 #include "support/FailingAllocation.h"
 #include "support/FileState.h"
 #include "support/Interpose.h"
+#include "support/Sanitizers.h"
 #include "support/interpose/Interposed.h"
 
 #include <VelaHost_Ipc/IpcMsgException.h>
@@ -32,8 +33,16 @@ namespace {
 
 using VelaHost_Utility::Exception;
 
-/// Interposed, but without a way to fail.
-constexpr std::array<std::string_view, 1> s_Infallible{"umask"};
+/// True for a function whose failure is not tried.
+bool IsLeftAlone(std::string_view function)
+{
+    // It always succeeds.
+    if (function == "umask") {
+        return true;
+    }
+    // Most of its calls are the sanitizer's then.
+    return isAddressSanitized && function == "pthread_getspecific";
+}
 
 constexpr unsigned int s_Once = 1;
 // Not quite: what ignores its failures and tries again must end.
@@ -351,7 +360,7 @@ private:
         std::vector<std::string_view> names;
         for (const InterposedBase* function : InterposedBase::All()) {
             const std::string_view name = function->GetName();
-            if (std::find(s_Infallible.begin(), s_Infallible.end(), name) == s_Infallible.end()) {
+            if (!IsLeftAlone(name)) {
                 names.push_back(name);
             }
         }
