@@ -348,6 +348,9 @@ public:
         }
     }
 
+    /// Failures that were made to happen.
+    unsigned int GetFailureCount() const { return m_FailureCount; }
+
 private:
     struct Call
     {
@@ -437,6 +440,7 @@ private:
 
     void Check(const Plan& plan, const Effect& expected)
     {
+        ++m_FailureCount;
         std::ostringstream what;
         what << plan;
         SCOPED_TRACE(what.str());
@@ -519,6 +523,7 @@ private:
                 if (!hit) {
                     return false;
                 }
+                ++m_FailureCount;
                 EXPECT_EQ(outcome.told, effect.told);
                 if (outcome.printed != effect.printedOtherwise) {
                     EXPECT_EQ(outcome.printed, effect.printed);
@@ -561,6 +566,7 @@ private:
             if (!outcome.allocationHit) {
                 return false;
             }
+            ++m_FailureCount;
             EXPECT_EQ(outcome.told, OutOfMemory().told);
             // Not logged; what the operation itself prints may have come first.
             EXPECT_TRUE(row.once.printed.starts_with(outcome.printed)) << outcome.printed;
@@ -574,6 +580,7 @@ private:
     const Operation& m_Operation;
     Ledger m_Ledger;
     Holdings m_Idle{};
+    unsigned int m_FailureCount = 0;
 };
 
 } // namespace
@@ -583,6 +590,7 @@ void TortureByCalls(const Operation& operation)
     Torturer torturer(operation);
     torturer.CheckUsual();
     torturer.CheckCalls();
+    std::printf("torture: %u failures\n", torturer.GetFailureCount());
 }
 
 void TortureByAllocations(const Operation& operation)
@@ -590,6 +598,7 @@ void TortureByAllocations(const Operation& operation)
     Torturer torturer(operation);
     torturer.CheckAllocations();
     torturer.CheckAllocationsOfFailures();
+    std::printf("torture: %u failures\n", torturer.GetFailureCount());
 }
 
 } // namespace velahost_test
