@@ -31,6 +31,11 @@ function(velahost_example name)
     target_link_libraries(${name} PRIVATE velahost Threads::Threads)
 endfunction()
 
+# Optimising test code takes longer than running it.
+function(velahost_build_quickly target)
+    target_compile_options(${target} PRIVATE $<$<CONFIG:Debug>:-O0>)
+endfunction()
+
 # velahost_test(NAME SOURCE... [TIMEOUT SECONDS]): a GoogleTest program whose tests ctest runs one
 # process each.
 function(velahost_test name)
@@ -42,10 +47,8 @@ function(velahost_test name)
     endif()
     add_executable(${name} ${test_UNPARSED_ARGUMENTS})
     velahost_configure_target(${name})
-    if(VELAHOST_SANITIZE)
-        # Optimising instrumented test code takes longer than running it.
-        target_compile_options(${name} PRIVATE -O0)
-    endif()
+    velahost_build_quickly(${name})
+    target_precompile_headers(${name} REUSE_FROM velahost_test_support)
     target_link_libraries(${name} PRIVATE velahost velahost_test_support GTest::gmock_main)
     gtest_discover_tests(${name}
         DISCOVERY_TIMEOUT 60
