@@ -1,4 +1,5 @@
 #include <VelaHost_Ipc/IpcMsgQueueTransport.h>
+#include <VelaHost_OS/SystemInfo.h>
 #include <VelaHost_OS/Thread.h>
 #include <VelaHost_OS/ThreadEvent.h>
 #include <VelaHost_Utility/Properties.h>
@@ -103,6 +104,18 @@ static void Serve(void* argument)
     }
 }
 
+static void RemoveQueue(int id)
+{
+    msqid_ds state{};
+    for (int tries = 0; tries < 100; ++tries) {
+        if (msgctl(id, IPC_STAT, &state) == -1 || state.msg_qnum == 0) {
+            break;
+        }
+        SleepMilliseconds(50);
+    }
+    msgctl(id, IPC_RMID, nullptr);
+}
+
 static int Run(const Settings& settings)
 {
     Log log;
@@ -125,7 +138,7 @@ static int Run(const Settings& settings)
         // A heartbeat would go here.
     }
     JoinThread(thread);
-    msgctl(transport.GetQueue().GetId(), IPC_RMID, nullptr);
+    RemoveQueue(transport.GetQueue().GetId());
     std::puts("over");
     return 0;
 }
