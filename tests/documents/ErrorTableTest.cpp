@@ -301,4 +301,21 @@ TEST(ErrorTable, HasTheFormatsOfAllLogLines)
     EXPECT_THAT(Rows("Log(?:Error|Info|Debug)", 2), UnorderedElementsAreArray(calls));
 }
 
+TEST(FormatsDocument, TellsEveryLastError)
+{
+    const std::regex text(R"re((?:Fail|SetLastError)\("([^"]+)"|missingSignText = "([^"]+)")re");
+    std::set<std::string> texts;
+    for (const std::string& source : Sources()) {
+        for (std::sregex_iterator match(source.begin(), source.end(), text), end; match != end;
+             ++match) {
+            texts.insert(match->str(1) + match->str(2));
+        }
+    }
+    EXPECT_EQ(texts.size(), 12U);
+    const std::string document = ReadProjectFile("docs/formats.md");
+    for (const std::string& lastError : texts) {
+        EXPECT_THAT(document, ::testing::HasSubstr("\n| " + lastError + " | "));
+    }
+}
+
 } // namespace
