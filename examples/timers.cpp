@@ -15,7 +15,6 @@ public:
 
     void Run()
     {
-        m_Idle.Start();
         m_Tick.Start();
         std::unique_lock lock(m_Mutex);
         m_Changed.wait(lock, [this] { return m_Over; });
