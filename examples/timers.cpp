@@ -15,7 +15,6 @@ public:
 
     void Run()
     {
-        m_Idle.Start();
         m_Tick.Start();
         std::unique_lock lock(m_Mutex);
         m_Changed.wait(lock, [this] { return m_Over; });
@@ -27,7 +26,7 @@ public:
         if (timer == &m_Tick) {
             std::printf("tick %d\n", ++m_Ticks);
             m_Idle.Restart(); // 300 ms from now, whether it was running or not
-            if (m_Ticks == 5) {
+            if (m_Ticks == 3) {
                 m_Tick.Stop(); // a periodic timer goes on until it is stopped
             }
         } else {
@@ -51,3 +50,9 @@ int main()
 {
     Demo().Run();
 }
+
+// Output:
+//   tick 1
+//   tick 2
+//   tick 3
+//   idle

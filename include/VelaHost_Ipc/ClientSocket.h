@@ -10,7 +10,8 @@ namespace VelaHost_Ipc {
 /// A text connection to a server, made at construction. Failures throw `IpcSocketException`.
 ///
 /// There is no way to close the connection: destruction leaves the descriptor open, and so does a
-/// constructor that throws after it was made.
+/// constructor that throws after it was made. One thread uses it at a time, save that sending and
+/// receiving may run on two.
 class VELAHOST_EXPORT ClientSocket : private Socket
 {
 public:

@@ -9,6 +9,7 @@ namespace VelaHost_Ipc {
 class VELAHOST_EXPORT IpcMsgException : public VelaHost_Utility::Exception
 {
 public:
+    /// Logs itself, as all of the family do. `errnoValue`: for receives only.
     explicit IpcMsgException(const Context& context, int errnoValue = 0)
         : Exception(context, 0x2FFF), m_Errno(errnoValue)
     {

@@ -15,8 +15,8 @@ namespace VelaHost_Ipc {
 /// What a connection-control message carries behind its code; a wire format.
 struct IpcConnectionData
 {
-    std::int32_t pid; ///< The client's process id.
-    std::int32_t connectionId;
+    std::int32_t pid;          ///< The client's process id.
+    std::int32_t connectionId; ///< From 1; its meaning depends on the code.
 };
 
 /// Codes of connection control: the first 4 bytes of a message of category 1. The payload of each
@@ -49,16 +49,18 @@ public:
     /// What the queue's key is made from, by `ftok`.
     struct Config
     {
-        const char* path;
-        char id;
+        const char* path; ///< A file that exists; borrowed during construction.
+        char id;          ///< Tells queues with one path apart.
     };
 
     /// A client's connection. Free while `pid` is 0.
     class Connection
     {
     public:
+        /// A free one.
         explicit Connection(int connectionId) : id(connectionId), pid(0) {}
 
+        /// True while no client has it.
         bool IsFree() const { return pid == 0; }
 
         std::int32_t id;  ///< From 1, fixed for life.
@@ -94,6 +96,7 @@ public:
     /// sent; nothing is released then.
     void DisconnectReq(IpcConnectionData& data);
 
+    /// The queue, for sending to clients; its `Send` may be called from any thread.
     const IpcMsgQueue& GetQueue() const { return queue; }
 
 private:

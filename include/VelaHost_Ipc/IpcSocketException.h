@@ -6,15 +6,17 @@
 
 namespace VelaHost_Ipc {
 
-/// Error codes of `IpcSocketException`: the step that failed.
-inline constexpr unsigned int s_SocketCreateFailed = 0x2101;
-inline constexpr unsigned int s_SocketBindFailed = 0x2102;
-inline constexpr unsigned int s_SocketListenFailed = 0x2103;
-inline constexpr unsigned int s_SocketAcceptFailed = 0x2104;
-inline constexpr unsigned int s_SocketConnectFailed = 0x2105;
-/// Also when the peer has closed.
-inline constexpr unsigned int s_SocketReceiveFailed = 0x2106;
-inline constexpr unsigned int s_SocketSendFailed = 0x2107;
+/// @name Error codes of IpcSocketException
+/// The step that failed.
+/// @{
+inline constexpr unsigned int s_SocketCreateFailed = 0x2101;  ///< `Socket::create`
+inline constexpr unsigned int s_SocketBindFailed = 0x2102;    ///< `Socket::bind`
+inline constexpr unsigned int s_SocketListenFailed = 0x2103;  ///< `Socket::listen`
+inline constexpr unsigned int s_SocketAcceptFailed = 0x2104;  ///< `Socket::accept`
+inline constexpr unsigned int s_SocketConnectFailed = 0x2105; ///< `Socket::connect`
+inline constexpr unsigned int s_SocketReceiveFailed = 0x2106; ///< `Socket::recv`, or a closed peer
+inline constexpr unsigned int s_SocketSendFailed = 0x2107;    ///< `Socket::send`
+/// @}
 
 /// A failed operation on a socket. Codes 0x2101 to 0x2107, text "IpcSocketException".
 class VELAHOST_EXPORT IpcSocketException : public VelaHost_Utility::Exception

@@ -26,6 +26,7 @@ inline constexpr int s_MaxFrameSize = 2048;
 class VELAHOST_EXPORT IpcSocketTransport
 {
 public:
+    /// Where to listen.
     struct Config
     {
         int port; ///< Of every local interface; 0 means a free one.
@@ -35,10 +36,12 @@ public:
     class VELAHOST_EXPORT Connection : public ServerSocket
     {
     public:
+        /// A free one, without a buffer.
         explicit Connection(int connectionId);
         /// Releases the buffer; leaves the descriptor open.
         ~Connection() override;
 
+        /// True while no client has it.
         bool IsFree() const { return GetSock() == -1; }
 
         /// Receives once into the rest of the buffer. Returns the count, 0 when the client has
@@ -92,6 +95,7 @@ public:
     /// from the thread that calls `Run`: looking it up in the manager is that thread's.
     bool SendMsg(Connection& connection, unsigned int category, IpcMsgBuf& msg, int length);
 
+    /// The listening socket, for its descriptor and so its port.
     const ServerSocket& GetServer() const { return server; }
 
 private:

@@ -11,6 +11,7 @@ namespace VelaHost_Ipc {
 /// `IpcSocketException`.
 ///
 /// Destruction leaves the descriptor open, and so does a constructor that throws after it was made.
+/// One thread uses it at a time, save that sending and receiving may run on two.
 class VELAHOST_EXPORT ServerSocket : private Socket
 {
 public:

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+/// Messages between processes: sockets, System V queues and the transports on both.
 namespace VelaHost_Ipc {
 
 /// A stream socket over IPv4 TCP or over a Unix-domain path.
@@ -48,6 +49,7 @@ public:
     /// Descriptor 0 counts as a failure, though it is stored.
     bool accept(Socket& peer) const;
 
+    /// Connects to the socket file `path`; waits while the server's backlog is full.
     bool connect(const std::string& path);
     /// `host` is a numeric IPv4 address; names are not looked up. Text of another form is not
     /// refused: the address of an earlier use is taken, 0.0.0.0 on a fresh object. An `errno` of
@@ -56,6 +58,7 @@ public:
 
     /// Sends once, without `SIGPIPE`. True also when only a part could be sent.
     bool send(unsigned char* data, int length) const;
+    /// As above, with all bytes of `s`.
     bool send(const std::string& s) const;
 
     /// Receives once, `length` bytes at most, into `buffer`, which is written to in spite of its

@@ -1,3 +1,6 @@
+/// @file
+/// Version texts of this and other libraries.
+
 #pragma once
 
 #include <VelaHost_Utility/Export.h>

@@ -55,6 +55,7 @@ public:
     unsigned int GetSize() const { return m_Size; }
     /// The object's own descriptor of the file; -1 while none is open.
     int GetFd() const { return m_Fd; }
+    /// The path, as it was given.
     const std::string& GetName() const { return m_Name; }
 
 private:

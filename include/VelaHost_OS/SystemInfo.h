@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+/// The operating system: locks, events, threads, shared memory, clock, library versions, and the
+/// service behind the timers.
 namespace VelaHost_OS {
 
 /// Broken-down local time. The field order is part of the interface.
@@ -19,8 +21,10 @@ struct _SYSTEMTIME // NOLINT(bugprone-reserved-identifier): the name that caller
     std::int32_t milliseconds; ///< 0 to 1000: rounded to the nearest, the second not advanced.
 };
 
-// Every function here may be called from any thread. Where `SystemException` is named, its code is
-// 0x2002 and the cause is a wall clock that could not be read.
+/// @name Time and system information
+/// Every function here may be called from any thread. Where `SystemException` is named, its code is
+/// 0x2002 and the cause is a wall clock that could not be read.
+/// @{
 
 /// Fills `*time` with the current local time, from one reading of the clock. Throws
 /// `SystemException`.
@@ -51,5 +55,7 @@ VELAHOST_EXPORT int GetLastError();
 
 /// Does nothing on this platform; `text` is ignored.
 VELAHOST_EXPORT void OutputDebugString(char* text);
+
+/// @}
 
 } // namespace VelaHost_OS

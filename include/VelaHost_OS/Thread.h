@@ -4,7 +4,14 @@
 
 namespace VelaHost_OS {
 
-// Threads are named by their POSIX thread id. Every function here may be called from any thread.
+/// @name Threads
+/// Threads are named by their POSIX thread id. Every function here may be called from any thread.
+///
+/// `JoinThread`, `CancelThread` and `SignalThread` return 0 when done. When the platform refuses
+/// they return the calling thread's `errno`, which the platform's thread calls do not set: it tells
+/// of an earlier failure, or is 0. Only for the id 0, which no thread has, both are ESRCH. Any
+/// other id must be that of a thread that has not been joined.
+/// @{
 
 /// Starts a thread that runs `entry(argument)` and returns 0. The thread is joinable and has the
 /// platform's default attributes; whoever does not join it leaks its exit state. Its id goes to
@@ -17,11 +24,6 @@ namespace VelaHost_OS {
 /// is the last one, the release of the attributes, the thread runs all the same.
 VELAHOST_EXPORT unsigned int CreateThread(void (*entry)(void*), int, void* argument,
                                           unsigned long* threadId);
-
-// The next three return 0 when done. When the platform refuses they return the calling thread's
-// `errno`, which the platform's thread calls do not set: it tells of an earlier failure, or is 0.
-// Only for the id 0, which no thread has, both are ESRCH. Any other id must be that of a thread
-// that has not been joined.
 
 /// Waits for the thread's end and discards its exit value. Cancelling the waiting thread leaves the
 /// other one to be joined.
@@ -38,5 +40,7 @@ VELAHOST_EXPORT unsigned int SignalThread(unsigned long threadId);
 /// points. That is safe only in code that holds no lock and owns nothing, which excludes all other
 /// functions of this library. A failure goes unnoticed.
 VELAHOST_EXPORT void EnableCancellation();
+
+/// @}
 
 } // namespace VelaHost_OS

@@ -52,6 +52,7 @@ public:
     /// destroyed any more. A thread cancelled while it waits leaves the event as it was.
     bool Wait(int milliseconds);
 
+    /// Whether the event is set at this moment.
     bool IsSet() const { return m_Signalled; }
 
     // Diagnosis; exact only while no thread is in `Wait`.

@@ -24,12 +24,14 @@ public:
     /// of a heap object is then not freed (see docs/limits.md for derived classes).
     virtual ~ThreadMutex() noexcept(false);
 
+    /// Waits until the mutex is free and takes it.
     void Lock();
 
     /// True when the mutex was free and is now held; false, and nothing is changed, when another
     /// holds it.
     bool TryLock();
 
+    /// Releases the mutex. When it throws, the diagnostic words say that it is released.
     void Unlock();
 
     /// Successful `Lock` and `TryLock` calls since construction.
@@ -38,6 +40,7 @@ public:
     unsigned int GetUnlockCount() const { return m_UnlockCount; }
     /// 0xDEAD in every constructed `ThreadMutex`.
     unsigned int GetMagic() const { return m_Magic; }
+    /// True from an acquisition until the next `Unlock`.
     bool IsLocked() const { return m_Locked != 0; }
     /// The last thread that acquired the mutex, also after it released it; 0 before the first.
     pthread_t GetOwner() const { return m_Owner; }
@@ -82,6 +85,7 @@ public:
 #endif
 
 protected:
+    /// Recursive; derived classes check what its calls return.
     pthread_mutex_t m_Mutex; // NOLINT: what derived classes are for
 
 private:

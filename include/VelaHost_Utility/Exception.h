@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+/// Exceptions, string helpers, reference counting and observers, locking, configuration, timers.
 namespace VelaHost_Utility {
 
 /// Root of every failure that the library reports by exception.
@@ -29,10 +30,10 @@ public:
             : m_CompName(compName), m_File(file), m_Line(line), m_Logger(logger)
         {}
 
-        const char* m_CompName;
-        const char* m_File;
-        unsigned int m_Line;
-        void (*m_Logger)(const Exception&);
+        const char* m_CompName;             ///< Trace module; null for the default one.
+        const char* m_File;                 ///< Source file of the throw site.
+        unsigned int m_Line;                ///< Line of the throw site.
+        void (*m_Logger)(const Exception&); ///< Called by `LogMe()`.
     };
 
     virtual ~Exception();
@@ -40,7 +41,9 @@ public:
     /// Hands this exception to the context's logger.
     void LogMe() { m_Context.m_Logger(*this); }
 
+    /// Where it arose.
     const Context& GetContext() const { return m_Context; }
+    /// The code of its class, or what the throw site gave; docs/errors.md has a table.
     unsigned int GetErrorCode() const { return m_ErrorCode; }
     /// The one-line description; lives as long as the exception.
     const std::string& GetText() const { return m_Text; }
@@ -49,6 +52,7 @@ protected:
     /// For concrete classes: the text is "Exception" until `SetText`, and nothing is logged yet.
     Exception(const Context& context, unsigned int errorCode);
 
+    /// Replaces the text; to be called before `LogMe()`.
     void SetText(std::string text) { m_Text = std::move(text); }
 
 private:
@@ -72,6 +76,7 @@ public:
 class VELAHOST_EXPORT NotImplementedException : public Exception
 {
 public:
+    /// `what` names the operation; the text keeps a copy.
     NotImplementedException(const Context& context, const char* what);
     ~NotImplementedException() override;
 };
@@ -81,6 +86,7 @@ public:
 class VELAHOST_EXPORT FeatureNotSupportedException : public Exception
 {
 public:
+    /// `what` names the operation; the text keeps a copy.
     FeatureNotSupportedException(const Context& context, const char* what);
     ~FeatureNotSupportedException() override;
 };

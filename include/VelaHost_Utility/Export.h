@@ -1,3 +1,6 @@
+/// @file
+/// The mark of what is exported.
+
 #pragma once
 
 /// Marks what the shared library exports; everything else in it is hidden. Exception types carry

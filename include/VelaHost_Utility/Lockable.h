@@ -41,6 +41,7 @@ private:
 class VELAHOST_EXPORT Locker
 {
 public:
+    /// Waits until the mutex of `obj` is free or the calling thread's own, and takes it.
     explicit Locker(Lockable& obj) : m_Lockable(&obj), m_Locked(false)
     {
         VelaHost_OS::CheckResult(pthread_mutex_lock(&m_Lockable->m_Mutex));

@@ -15,7 +15,9 @@ class VELAHOST_EXPORT Observer : public virtual RefCount
 {
 public:
     Observer() noexcept = default;
+    /// Registrations belong to the object, as its count does: a copy has none.
     Observer(const Observer& other) noexcept = default;
+    /// Leaves the registrations of both as they are.
     Observer& operator=(const Observer& other) noexcept = default;
     ~Observer() noexcept(false) override;
 };
@@ -56,6 +58,7 @@ public:
     std::size_t GetObserverCount() const noexcept { return m_Observers.size(); }
 
 protected:
+    /// The registrations, oldest first.
     std::vector<SmartPointer<Observer>> m_Observers; // NOLINT: what derived classes are for
 };
 

@@ -15,6 +15,7 @@ namespace VelaHost_Utility {
 class VELAHOST_EXPORT PropertiesException : public Exception
 {
 public:
+    /// Logs itself, as all of the family do.
     explicit PropertiesException(const Context& context) : Exception(context, s_PropertiesCode)
     {
         SetText("PropertiesException");
@@ -31,14 +32,17 @@ private:
 class VELAHOST_EXPORT Property
 {
 public:
+    /// What a property holds.
     enum Type : unsigned int {
-        AnyType = 0, ///< For lookups only: matches both of the others.
-        UIntType = 1,
-        StringType = 2
+        AnyType = 0,   ///< For lookups only: matches both of the others.
+        UIntType = 1,  ///< A `UIntProperty`.
+        StringType = 2 ///< A `StringProperty`.
     };
 
+    /// For the derived classes.
     explicit Property(Type type) : m_Type(type) {}
 
+    /// Never `AnyType` in a store.
     Type GetType() const { return m_Type; }
 
 private:
@@ -49,9 +53,12 @@ private:
 class VELAHOST_EXPORT UIntProperty : public Property
 {
 public:
+    /// Holds `value`.
     explicit UIntProperty(unsigned int value) : Property(UIntType), m_Value(value) {}
 
+    /// The number.
     unsigned int GetValue() const { return m_Value; }
+    /// Replaces the number.
     void SetValue(unsigned int value) { m_Value = value; }
 
 private:
@@ -62,9 +69,12 @@ private:
 class VELAHOST_EXPORT StringProperty : public Property
 {
 public:
+    /// Keeps a copy of `value`, which must not be null.
     explicit StringProperty(const char* value) : Property(StringType), m_Value(value) {}
 
+    /// The text; valid until the next `SetValue`.
     const std::string& GetValue() const { return m_Value; }
+    /// Replaces the text by a copy of `value`, which must not be null.
     void SetValue(const char* value) { m_Value = value; }
 
 private:

@@ -29,7 +29,9 @@ class VELAHOST_EXPORT RefCount
 {
 public:
     RefCount() noexcept;
+    /// Starts at 0, whatever the count of `other`.
     RefCount(const RefCount& other) noexcept;
+    /// Leaves both counts as they are.
     RefCount& operator=(const RefCount& other) noexcept;
     virtual ~RefCount() noexcept(false);
 
@@ -72,11 +74,13 @@ public:
     /// `object` may be null. An object that only this pointer refers to is deleted with it.
     SmartPointer(T* object) noexcept : m_Ptr(object) { AcquireUnlessNull(); }
 
+    /// Shares the object of `other`.
     SmartPointer(const SmartPointer& other) noexcept : m_Ptr(other.m_Ptr) { AcquireUnlessNull(); }
 
     /// Leaves `other` null.
     SmartPointer(SmartPointer&& other) noexcept : m_Ptr(std::exchange(other.m_Ptr, nullptr)) {}
 
+    /// Shares the object of `other`, which is of a derived class.
     template <typename U, typename = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     SmartPointer(const SmartPointer<U>& other) noexcept : m_Ptr(other.m_Ptr)
     {
@@ -88,6 +92,7 @@ public:
     SmartPointer(SmartPointer<U>&& other) noexcept : m_Ptr(std::exchange(other.m_Ptr, nullptr))
     {}
 
+    /// Lets the object go.
     virtual ~SmartPointer() noexcept(false)
     {
         if (m_Ptr != nullptr) {
@@ -95,6 +100,7 @@ public:
         }
     }
 
+    /// Shares the object of `other` and lets its own go.
     SmartPointer& operator=(const SmartPointer& other)
     {
         SmartPointer(other).swap(*this);
@@ -108,12 +114,18 @@ public:
         return *this;
     }
 
+    /// Exchanges the objects; the counts stay.
     void swap(SmartPointer& other) noexcept { std::swap(m_Ptr, other.m_Ptr); }
+    /// As the member.
     friend void swap(SmartPointer& a, SmartPointer& b) noexcept { a.swap(b); }
 
+    /// The object, null when there is none; the count stays.
     T* Get() const noexcept { return m_Ptr; }
+    /// The object; undefined when the pointer is null.
     T& operator*() const noexcept { return *m_Ptr; }
+    /// The object; undefined when the pointer is null.
     T* operator->() const noexcept { return m_Ptr; }
+    /// True unless the pointer is null.
     explicit operator bool() const noexcept { return m_Ptr != nullptr; }
 
     // Comparison is that of the plain pointers, and with a plain pointer leaves the count alone.

@@ -6,6 +6,10 @@
 
 namespace VelaHost_Utility {
 
+/// @name Text
+/// May be called from any thread, on texts that no other thread uses. None of them throws.
+/// @{
+
 /// Removes leading and trailing spaces and horizontal tabs; no other white space. A text of nothing
 /// but blanks stays as it is.
 VELAHOST_EXPORT void chop(std::string& text);
@@ -21,5 +25,7 @@ VELAHOST_EXPORT int strcpycnt(char* dst, const char* src, unsigned int max);
 /// Raises the letters of `s` in place, by the process's current locale, and returns `s`. Null gives
 /// null.
 VELAHOST_EXPORT char* strupr(char* s);
+
+/// @}
 
 } // namespace VelaHost_Utility

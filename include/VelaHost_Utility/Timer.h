@@ -74,7 +74,9 @@ public:
     /// True from `Start` until `Stop` or the firing of a one-shot timer.
     bool IsRunning() const;
 
+    /// In milliseconds; never changes.
     unsigned int GetInterval() const { return m_Interval; }
+    /// True when the timer fires again and again; never changes.
     bool IsPeriodic() const { return m_Periodic; }
 
 private:

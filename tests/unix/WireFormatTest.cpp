@@ -80,8 +80,8 @@ TEST(WireFormatDocument, ShowsTheQueueExchangeAsItTravels)
     manager.RegisterHandler(&echo, 5);
     const IpcMsgQueue client(key.GetPath(), key.GetId(), false);
 
-    const char* const names[] = {"ConnectReq", "ConnectRsp",    "data",
-                                 "data",       "DisconnectReq", "DisconnectRsp"};
+    const char* const names[] = {"ConnectReq", "ConnectRsp",    "data",         "data",
+                                 "(code 6)",   "DisconnectReq", "DisconnectRsp"};
     std::size_t count = 0;
     std::string dump = "```\n";
     Hook watch(interposed::msgsnd,
@@ -89,7 +89,7 @@ TEST(WireFormatDocument, ShowsTheQueueExchangeAsItTravels)
                    dump += Line(names[count++], record, size);
                    return std::nullopt;
                });
-    const auto exchange = [&](int connection, int category, const std::string& payload) {
+    const auto send = [&](int connection, int category, const std::string& payload) {
         IpcMsgBuf message{};
         message.mtype = s_ServerMsgType;
         message.connection = static_cast<std::uint16_t>(connection);
@@ -97,10 +97,15 @@ TEST(WireFormatDocument, ShowsTheQueueExchangeAsItTravels)
         std::memcpy(message.data, payload.data(), payload.size());
         client.Send(message, static_cast<int>(payload.size()));
         transport.Run();
+    };
+    const auto exchange = [&](int connection, int category, const std::string& payload) {
+        send(connection, category, payload);
+        IpcMsgBuf message{};
         EXPECT_EQ(client.Receive(message, s_ClientPid), 8 + static_cast<int>(payload.size()));
     };
     exchange(0, s_ControlCategory, ControlPayload(1, s_ClientPid, 0));
     exchange(1, 5, "hello");
+    send(0, s_ControlCategory, ControlPayload(6, 0, 0)); // no answer
     exchange(0, s_ControlCategory, ControlPayload(3, 0, 1));
     EXPECT_EQ(count, std::size(names));
 

@@ -14,10 +14,13 @@
 
 namespace VelaHost_Ipc {
 
+/// Categories that can have handlers: 0 to 19.
 inline constexpr int s_CategoryCount = 20;
 
+/// @cond throw sites
 inline constexpr auto s_NoSuchConnection =
     VelaHost_Utility::ThrowSite("include/internal/unix/IpcConnectionManager", 147);
+/// @endcond
 
 /// The handlers and the connections of one transport of class `T`. Takes no lock: it belongs to
 /// the thread that runs the transport.
@@ -28,6 +31,7 @@ template <typename T>
 class IpcConnectionManager
 {
 public:
+    /// What the transport keeps of a client.
     using Connection = typename T::Connection;
 
     /// `adapter` is borrowed; null logs nothing.
@@ -109,9 +113,9 @@ public:
         }
     }
 
-    IpcMsgHandler* handlers[s_CategoryCount];
-    IpcLogAdapter* log;
-    std::vector<Connection*> connections;
+    IpcMsgHandler* handlers[s_CategoryCount]; ///< By category, null where there is none; borrowed.
+    IpcLogAdapter* log;                       ///< Borrowed, may be null.
+    std::vector<Connection*> connections;     ///< By id, from 1; owned.
 };
 
 } // namespace VelaHost_Ipc

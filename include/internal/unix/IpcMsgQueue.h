@@ -16,6 +16,7 @@
 
 namespace VelaHost_Ipc {
 
+/// @cond throw sites
 constexpr VelaHost_Utility::Exception::Context IpcMsgQueueSite(unsigned int line)
 {
     return VelaHost_Utility::ThrowSite("include/internal/unix/IpcMsgQueue", line);
@@ -25,6 +26,7 @@ inline constexpr auto s_QueueRemoveFailed = IpcMsgQueueSite(72);
 inline constexpr auto s_QueueCreateFailed = IpcMsgQueueSite(79);
 inline constexpr auto s_QueueSendFailed = IpcMsgQueueSite(91);
 inline constexpr auto s_QueueReceiveFailed = IpcMsgQueueSite(104);
+/// @endcond
 
 /// A handle on one System V message queue. Neither destruction nor anything else here removes the
 /// queue at the end; it outlives its processes.

@@ -1,0 +1,31 @@
+# The manual page formats without a warning, names every header that programs include, and shows
+# examples/quickstart.cpp as it is.
+set(page "${SOURCE_DIR}/docs/man/velahost.3")
+if(GROFF)
+    execute_process(COMMAND "${GROFF}" -man -ww -z "${page}"
+        RESULT_VARIABLE result ERROR_VARIABLE warnings)
+    if(NOT result EQUAL 0 OR NOT warnings STREQUAL "")
+        message(FATAL_ERROR "groff (${result}):\n${warnings}")
+    endif()
+endif()
+
+file(READ "${page}" text)
+if(NOT text MATCHES "\"libvelahost ${VERSION}\"")
+    message(FATAL_ERROR "velahost.3 is not that of version ${VERSION}")
+endif()
+file(GLOB headers RELATIVE "${SOURCE_DIR}/include" "${SOURCE_DIR}/include/VelaHost_*/*.h")
+list(REMOVE_ITEM headers VelaHost_Utility/Export.h)
+foreach(header ${headers})
+    string(FIND "${text}" "<${header}>" position)
+    if(position EQUAL -1)
+        message(FATAL_ERROR "velahost.3 doesn't name ${header}")
+    endif()
+endforeach()
+
+string(REPLACE "\\(aq" "'" text "${text}")
+string(REPLACE "\\e" "\\" text "${text}")
+file(READ "${SOURCE_DIR}/examples/quickstart.cpp" example)
+string(FIND "${text}" "\n.EX\n${example}.EE\n" position)
+if(position EQUAL -1)
+    message(FATAL_ERROR "velahost.3 does not show examples/quickstart.cpp as it is")
+endif()

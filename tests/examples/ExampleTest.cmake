@@ -1,0 +1,17 @@
+# PROGRAM succeeds and prints exactly what its SOURCE shows behind "// Output:".
+file(READ "${SOURCE}" source)
+string(FIND "${source}" "\n// Output:\n" position)
+if(position EQUAL -1)
+    message(FATAL_ERROR "${SOURCE} does not tell its output")
+endif()
+string(SUBSTRING "${source}" ${position} -1 expected)
+string(REPLACE "\n// Output:\n" "" expected "${expected}")
+string(REGEX REPLACE "(^|\n)//   " "\\1" expected "${expected}")
+
+execute_process(COMMAND "${PROGRAM}" OUTPUT_VARIABLE actual RESULT_VARIABLE result TIMEOUT 50)
+if(NOT result EQUAL 0)
+    message(FATAL_ERROR "exit status ${result}, output:\n${actual}")
+endif()
+if(NOT actual STREQUAL expected)
+    message(FATAL_ERROR "printed:\n${actual}instead of:\n${expected}")
+endif()
