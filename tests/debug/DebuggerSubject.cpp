@@ -137,7 +137,8 @@ Properties failedSettings;
 PropertiesEx sections;
 const Property* someProperty;
 
-const Exception* systemFailure;
+const SystemException* systemFailure;
+const Exception* anyFailure;
 const IpcSocketException* socketFailure;
 const OwnException* ownFailure;
 
@@ -201,6 +202,7 @@ void MakeExceptions()
 {
     errno = EBUSY;
     systemFailure = new SystemException({nullptr, "src/somewhere", 68, Quiet}, 0x2002);
+    anyFailure = systemFailure;
     socketFailure =
         new IpcSocketException({nullptr, "src/unix/ClientSocket", 52, Quiet}, 0x2105, ECONNREFUSED);
     ownFailure = new OwnException(99);
