@@ -20,4 +20,12 @@ inline bool IsOnValgrind()
     return preloaded != nullptr && std::strstr(preloaded, "vgpreload") != nullptr;
 }
 
+/// True in a program built with the address sanitizer, whose run time keeps its own place in each
+/// thread with the platform's keys.
+#ifdef __SANITIZE_ADDRESS__
+inline constexpr bool isAddressSanitized = true;
+#else
+inline constexpr bool isAddressSanitized = false;
+#endif
+
 } // namespace velahost_test

@@ -101,12 +101,13 @@ TEST(Imports, NothingIsBothInterposedAndExempt)
     }
 }
 
-TEST(Imports, EntryPointsWithWideTimeAreKnownByTheirPlainNames)
+TEST(Imports, WideEntryPointsAreKnownByTheirPlainNames)
 {
     EXPECT_EQ(SourceName("__gettimeofday64"), "gettimeofday");
     EXPECT_EQ(SourceName("__localtime64_r"), "localtime_r");
     EXPECT_EQ(SourceName("__pthread_cond_timedwait64"), "pthread_cond_timedwait");
     EXPECT_EQ(SourceName("__stat64_time64"), "stat");
+    EXPECT_EQ(SourceName("stat64"), "stat");
     EXPECT_EQ(SourceName("stat"), "stat");
     EXPECT_EQ(SourceName("__cxa_throw"), "__cxa_throw");
 }

@@ -87,15 +87,20 @@ std::string SourceName(std::string_view import)
     constexpr std::string_view timeSuffix = "_time64";
     constexpr std::string_view width = "64";
     std::string name(import);
-    if (!import.starts_with(prefix) || import.find(width) == std::string_view::npos) {
+    const std::size_t position = name.rfind(width);
+    if (position == std::string::npos) {
         return name;
     }
-    name.erase(0, prefix.size());
     if (name.ends_with(timeSuffix)) {
         name.resize(name.size() - timeSuffix.size());
-    }
-    if (const std::size_t position = name.rfind(width); position != std::string::npos) {
+    } else {
         name.erase(position, width.size());
+    }
+    if (name.ends_with(width)) {
+        name.resize(name.size() - width.size());
+    }
+    if (name.starts_with(prefix)) {
+        name.erase(0, prefix.size());
     }
     return name;
 }

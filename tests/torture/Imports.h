@@ -11,8 +11,8 @@ namespace velahost_test {
 /// no such library is loaded.
 std::vector<std::string> ImportsOf(std::string_view library);
 
-/// The name by which the sources call an imported function: at 32 bit, the entry points with 64-bit
-/// time have names of their own.
+/// The name by which the sources call an imported function: the entry points with 64-bit time, and
+/// those with 64-bit file sizes, have names of their own.
 std::string SourceName(std::string_view import);
 
 } // namespace velahost_test

@@ -34,6 +34,13 @@ bool IsBlocked(int signalNumber)
     return sigismember(&mask, signalNumber) == 1;
 }
 
+/// True on the thread of the process's service, which other tests may have started; `owner` is the
+/// test's own thread.
+bool IsServiceThread(pthread_t owner)
+{
+    return pthread_equal(pthread_self(), owner) == 0;
+}
+
 void UnblockWakeSignal()
 {
     sigset_t mask;
@@ -61,6 +68,17 @@ struct Queue
                                    }};
     Hook<int(pthread_t, const char*)> name{interposed::pthread_setname_np,
                                            [](pthread_t, const char*) { return 0; }};
+    const pthread_t owner = pthread_self();
+    long long slept = 0;
+    Hook<int(const sigset_t*, siginfo_t*, const timespec*)> rest{
+        interposed::sigtimedwait,
+        [this](const sigset_t*, siginfo_t*, const timespec* time) -> std::optional<int> {
+            if (IsServiceThread(owner)) {
+                return std::nullopt;
+            }
+            slept = time->tv_sec * 1000LL + time->tv_nsec / 1'000'000;
+            throw Interrupted{"asleep"};
+        }};
     TimerQueue queue;
     TimerService::Request* requests[4] = {};
     int requestCount = 0;
@@ -76,14 +94,31 @@ struct Queue
 
     void Request()
     {
-        requests[requestCount] = queue.MakeRequest(nullptr, s_Interval);
+        // Each for an earlier time than the one before, so that it wakes the thread.
+        requests[requestCount] =
+            queue.MakeRequest(nullptr, s_Interval / static_cast<unsigned int>(requestCount + 1));
         ++requestCount;
+    }
+    /// Milliseconds that the thread would sleep now: until the first request, a second at most.
+    long long Sleep()
+    {
+        try {
+            TimerQueue::RunThread(&queue);
+        } catch (const Interrupted&) {
+            // It sleeps.
+        }
+        return slept;
     }
     std::string GetState()
     {
-        return "requests " + std::to_string(requestCount) + ", threads " + std::to_string(threads) +
-               ", wakes " + std::to_string(wakes) +
-               (IsBlocked(SIGUSR1) ? ", blocked" : ", unblocked");
+        const bool blocked = IsBlocked(SIGUSR1);
+        const std::string state = "next " + std::to_string(Sleep()) + ", threads " +
+                                  std::to_string(threads) + ", wakes " + std::to_string(wakes) +
+                                  (blocked ? ", blocked" : ", unblocked");
+        if (!blocked) {
+            UnblockWakeSignal();
+        }
+        return state;
     }
 };
 
@@ -118,6 +153,9 @@ struct ThreadBody : Queue
     Hook<int(const sigset_t*, siginfo_t*, const timespec*)> sleep{
         interposed::sigtimedwait,
         [this](const sigset_t*, siginfo_t*, const timespec*) -> std::optional<int> {
+            if (IsServiceThread(owner)) {
+                return std::nullopt;
+            }
             if (++sleeps == 2) {
                 sleeps = 0;
                 throw Interrupted{"asleep again"};
@@ -242,35 +280,37 @@ std::vector<Operation> TimerOperations()
         // starts afresh, but not a thread that has been started.
         {"TimerQueue_MakeRequest_First",
          With<Queue>(MakeRequest<Queue>),
-         Tells("made").Leaves("requests 1, threads 1, wakes 1, unblocked"),
-         {{"gettimeofday", each, EINVAL, Ignored()},
+         Tells("made").Leaves("next 250, threads 1, wakes 1, unblocked"),
+         // Made at a time that could not be read, it has expired.
+         {{"gettimeofday", each, EINVAL,
+           Tells("made").Leaves("next 1000, threads 1, wakes 1, unblocked")},
           {"sigemptyset", each, EINVAL, ThrowsSystem(EINVAL)},
           {"sigaddset", each, EINVAL, ThrowsSystem(EINVAL)},
           {"pthread_sigmask", 1, EINVAL, throws},
           {"pthread_attr_init", each, ENOMEM,
-           throws.Leaves("requests 0, threads 0, wakes 0, blocked")},
+           throws.Leaves("next 1000, threads 0, wakes 0, blocked")},
           {"pthread_attr_setscope", each, ENOTSUP,
-           throws.Leaves("requests 0, threads 0, wakes 0, blocked")},
-          {"pthread_create", each, EAGAIN,
-           throws.Leaves("requests 0, threads 0, wakes 0, blocked")},
+           throws.Leaves("next 1000, threads 0, wakes 0, blocked")},
+          {"pthread_create", each, EAGAIN, throws.Leaves("next 1000, threads 0, wakes 0, blocked")},
           {"pthread_setname_np", each, ENOENT, Ignored()},
-          {"pthread_sigmask", 2, EINVAL, throws.Leaves("requests 0, threads 1, wakes 0, blocked")},
+          {"pthread_sigmask", 2, EINVAL, throws.Leaves("next 1000, threads 1, wakes 0, blocked")},
           {"pthread_kill", each, ESRCH,
-           Tells("made").Leaves("requests 1, threads 1, wakes 0, unblocked")}},
-         {{each, OutOfMemory().Leaves("requests 0, threads 1, wakes 0, unblocked")}}},
+           Tells("made").Leaves("next 250, threads 1, wakes 0, unblocked")}},
+         {{each, OutOfMemory().Leaves("next 1000, threads 1, wakes 0, unblocked")}}},
 
         {"TimerQueue_MakeRequest_Later",
          With<QueueWithRequest>(MakeRequest<QueueWithRequest>),
-         Tells("made").Leaves("requests 2, threads 1, wakes 2, unblocked"),
-         {{"gettimeofday", each, EINVAL, Ignored()},
+         Tells("made").Leaves("next 125, threads 1, wakes 2, unblocked"),
+         {{"gettimeofday", each, EINVAL,
+           Tells("made").Leaves("next 250, threads 1, wakes 2, unblocked")},
           {"pthread_kill", each, ESRCH,
-           Tells("made").Leaves("requests 2, threads 1, wakes 1, unblocked")}}},
+           Tells("made").Leaves("next 125, threads 1, wakes 1, unblocked")}}},
 
         {"TimerQueue_KillRequest", With<QueueWithRequest>([](QueueWithRequest& f) {
              f.queue.KillRequest(f.requests[0]);
              return Told("killed");
          }),
-         Tells("killed")},
+         Tells("killed").Leaves("next 1000, threads 1, wakes 1, unblocked")},
 
         // What fails in the thread comes out of its body, and so ends the process. A clock that
         // can't be read stands before all expiries; a failed unlock in a handler is followed by
