@@ -96,8 +96,8 @@ struct Page
     int queueId = 0;
     unsigned int descriptors = 0;
     std::int64_t memory = 0; ///< In use on the heap; 0 where a sanitizer has replaced it.
-    int queueConnections = 0;
-    int tcpConnections = 0;
+    std::atomic<int> queueConnections{0};
+    std::atomic<int> tcpConnections{0};
 
     unsigned int GetFrames() const { return tcpFrames + queueFrames; }
 };
@@ -349,11 +349,13 @@ int Serve(Page& page, const QueueKey& key, const ServerControl& control)
     std::thread tcpThread([&] {
         while (!end) {
             tcp.transport.Run();
+            page.tcpConnections = tcp.manager.GetConnectionCount();
         }
     });
     std::thread queueThread([&] {
         while (!end) {
             queue.Run();
+            page.queueConnections = manager.GetConnectionCount();
         }
     });
     control.answers.Send();
@@ -361,8 +363,6 @@ int Serve(Page& page, const QueueKey& key, const ServerControl& control)
     while (control.commands.Receive(std::chrono::hours(1)) == 'm') {
         page.memory = static_cast<std::int64_t>(mallinfo2().uordblks);
         page.descriptors = CountDescriptors();
-        page.tcpConnections = tcp.manager.GetConnectionCount();
-        page.queueConnections = manager.GetConnectionCount();
         control.answers.Send();
     }
     end = true;
