@@ -13,6 +13,10 @@ function(velahost_configure_target target)
     set_target_properties(${target} PROPERTIES
         CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
     target_compile_options(${target} PRIVATE ${VELAHOST_WARNINGS})
+    # What is shipped doesn't tell where it was built.
+    target_compile_options(${target} PRIVATE $<$<NOT:$<CONFIG:Debug>>:
+        -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.
+        -ffile-prefix-map=${PROJECT_BINARY_DIR}=build>)
     if(VELAHOST_SANITIZE)
         target_compile_options(${target} PRIVATE
             -fsanitize=${VELAHOST_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -31,6 +31,7 @@ constexpr std::string_view s_TraceLibrary = "the trace library's: tests/support/
 constexpr std::string_view s_Instrumentation = "a sanitizer's or coverage's own";
 
 constexpr std::array s_Exemptions{
+    Exemption{"htons", s_Whole, s_CannotFail}, // a call only without optimisation
     Exemption{"memchr", s_Whole, s_CannotFail},
     Exemption{"memcmp", s_Whole, s_CannotFail},
     Exemption{"memcpy", s_Whole, s_CannotFail},
