@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <stdexcept>
 #include <sys/time.h>
+#include <system_error>
 #include <unistd.h>
 
 using namespace VelaHost_Ipc;
@@ -195,8 +196,11 @@ TcpChannel::TcpChannel(const std::string& address)
     const char* end = address.data() + address.size();
     std::uint16_t port = 0;
     in_addr ignored{};
-    if (colon == std::string::npos || inet_pton(AF_INET, host.c_str(), &ignored) != 1 ||
-        std::from_chars(address.data() + colon + 1, end, port).ptr != end) {
+    if (colon == std::string::npos || inet_pton(AF_INET, host.c_str(), &ignored) != 1) {
+        throw std::runtime_error("not HOST:PORT: " + address);
+    }
+    const auto [stop, error] = std::from_chars(address.data() + colon + 1, end, port);
+    if (stop != end || error != std::errc()) {
         throw std::runtime_error("not HOST:PORT: " + address);
     }
     if (!m_Socket.create(AF_INET) || !m_Socket.connect(host, port)) {
