@@ -132,6 +132,8 @@ public:
     void SetLastError(const char* text, int line);
 
 private:
+    friend class PropertiesContents;
+
     template <typename P, typename Value>
     [[gnu::visibility("hidden")]] P* Add(const char* name, Value value,
                                          const Exception::Context& duplicateSite);

@@ -45,6 +45,8 @@ public:
     void Load(std::istream& in, bool sectionsAllowed);
 
 private:
+    friend class PropertiesContents;
+
     std::map<std::string, std::vector<PropertiesSection*>, std::less<>> m_Sections;
 };
 
@@ -62,6 +64,8 @@ public:
     const char* GetArg(int index);
 
 private:
+    friend class PropertiesContents;
+
     std::vector<std::string> m_Arguments;
 };
 

@@ -1,0 +1,231 @@
+#include "Processes.h"
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::string_view s_LibraryFile = "libvelahost.so";
+constexpr std::string_view s_InstallVariable = "KAVRI_VELA_DIR=";
+
+/// Thrown when the process ends meanwhile.
+struct Gone
+{};
+
+/// What is in a file of /proc; nothing, and the process is marked, when it may not be read.
+std::string Read(const fs::path& file, Process& process)
+{
+    errno = 0;
+    std::ifstream in(file, std::ios::binary);
+    std::string text;
+    try {
+        text.assign(std::istreambuf_iterator<char>(in), {});
+    } catch (const std::ios_base::failure&) {
+        // `errno` tells why.
+    }
+    if (errno == EACCES || errno == EPERM) {
+        process.opaque = true;
+    } else if (errno == ENOENT || errno == ESRCH) {
+        throw Gone();
+    }
+    return text;
+}
+
+/// The paths in a directory of /proc.
+std::set<fs::path> List(const fs::path& directory, Process& process)
+{
+    std::set<fs::path> entries;
+    std::error_code error;
+    for (fs::directory_iterator it(directory, error), end; !error && it != end;
+         it.increment(error)) {
+        entries.insert(it->path());
+    }
+    if (error == std::errc::permission_denied) {
+        process.opaque = true;
+    }
+    return entries;
+}
+
+struct Status
+{
+    std::string name;
+    bool ended;
+};
+
+Status ReadStatus(const fs::path& directory, Process& process)
+{
+    // "ID (NAME) STATE ...", where the name may hold anything.
+    const std::string text = Read(directory / "stat", process);
+    const std::size_t open = text.find('(');
+    const std::size_t close = text.rfind(") ");
+    if (open == std::string::npos || close == std::string::npos) {
+        throw Gone();
+    }
+    const char state = text[close + 2];
+    return {text.substr(open + 1, close - open - 1), state == 'Z' || state == 'X'};
+}
+
+/// The directory of a thread that still runs: the first thread may have ended before others.
+/// Nothing when all have.
+std::optional<fs::path> FindLiveThread(const fs::path& directory, Process& process)
+{
+    for (const fs::path& thread : List(directory / "task", process)) {
+        try {
+            if (!ReadStatus(thread, process).ended) {
+                return thread;
+            }
+        } catch (const Gone&) {
+            continue; // the thread, not the process
+        }
+    }
+    return std::nullopt;
+}
+
+void ReadMappings(const fs::path& directory, Process& process)
+{
+    std::istringstream lines(Read(directory / "maps", process));
+    for (std::string line; std::getline(lines, line);) {
+        // "RANGE PERMISSIONS OFFSET DEVICE INODE PATH", the path from the first slash on.
+        const std::size_t slash = line.find('/');
+        const std::size_t permissions = line.find(' ') + 1;
+        if (slash == std::string::npos || permissions + 3 >= line.size()) {
+            continue;
+        }
+        const std::string path = line.substr(slash);
+        if (path.substr(path.rfind('/') + 1).starts_with(s_LibraryFile)) {
+            process.usesLibrary = true;
+        }
+        if (line[permissions + 3] == 's') {
+            process.sharedFiles.insert(path);
+        }
+    }
+}
+
+void ReadEnvironment(const fs::path& directory, Process& process)
+{
+    std::istringstream variables(Read(directory / "environ", process));
+    for (std::string variable; std::getline(variables, variable, '\0');) {
+        if (variable.starts_with(s_InstallVariable)) {
+            process.installDirectory = variable.substr(s_InstallVariable.size());
+        }
+    }
+}
+
+void ReadDescriptors(const fs::path& directory, Process& process)
+{
+    for (const fs::path& descriptor : List(directory / "fd", process)) {
+        struct stat status
+        {};
+        if (stat(descriptor.c_str(), &status) == 0) {
+            process.openFiles.emplace(status.st_dev, status.st_ino);
+        }
+    }
+}
+
+/// A system call that waits, with the argument that tells for what. Numbers of both word sizes are
+/// taken for either: a call that is mistaken for one of these makes an object look used at worst.
+struct WaitingCall
+{
+    long number;
+    long multiplexed; ///< The first argument, for the call that stands for several; else -1.
+    std::size_t idArgument;
+    std::set<int> Process::*waits;
+};
+
+constexpr long s_NotMultiplexed = -1;
+constexpr long s_Multiplexer32 = 117;
+constexpr std::array s_WaitingCalls{
+    WaitingCall{70, s_NotMultiplexed, 0, &Process::awaitedQueues},      // msgrcv
+    WaitingCall{69, s_NotMultiplexed, 0, &Process::awaitedQueues},      // msgsnd
+    WaitingCall{401, s_NotMultiplexed, 0, &Process::awaitedQueues},     // msgrcv at 32 bit
+    WaitingCall{400, s_NotMultiplexed, 0, &Process::awaitedQueues},     // msgsnd at 32 bit
+    WaitingCall{s_Multiplexer32, 12, 1, &Process::awaitedQueues},       // msgrcv
+    WaitingCall{s_Multiplexer32, 11, 1, &Process::awaitedQueues},       // msgsnd
+    WaitingCall{65, s_NotMultiplexed, 0, &Process::awaitedSemaphores},  // semop
+    WaitingCall{220, s_NotMultiplexed, 0, &Process::awaitedSemaphores}, // semtimedop
+    WaitingCall{420, s_NotMultiplexed, 0, &Process::awaitedSemaphores}, // the same at 32 bit
+    WaitingCall{s_Multiplexer32, 1, 1, &Process::awaitedSemaphores},    // semop
+    WaitingCall{s_Multiplexer32, 4, 1, &Process::awaitedSemaphores},    // semtimedop
+};
+
+void ReadWaits(const fs::path& directory, Process& process)
+{
+    for (const fs::path& thread : List(directory / "task", process)) {
+        // "NUMBER ARGUMENT...", the arguments in hexadecimal; "running" for a thread that is.
+        std::istringstream text;
+        try {
+            text.str(Read(thread / "syscall", process));
+        } catch (const Gone&) {
+            continue; // the thread, not the process
+        }
+        long number = -1;
+        std::array<unsigned long long, 2> arguments{};
+        text >> number >> std::hex >> arguments[0] >> arguments[1];
+        if (!text) {
+            continue;
+        }
+        for (const WaitingCall& call : s_WaitingCalls) {
+            const bool matches = number == call.number &&
+                                 (call.multiplexed == s_NotMultiplexed ||
+                                  arguments[0] == static_cast<unsigned long>(call.multiplexed));
+            if (matches) {
+                (process.*call.waits).insert(static_cast<int>(arguments[call.idArgument]));
+            }
+        }
+    }
+}
+
+Process Look(const fs::path& directory)
+{
+    Process process;
+    process.name = ReadStatus(directory, process).name;
+    const std::optional<fs::path> thread = FindLiveThread(directory, process);
+    process.zombie = !thread;
+    if (thread) {
+        ReadMappings(*thread, process);
+        ReadEnvironment(*thread, process);
+        ReadDescriptors(*thread, process);
+        ReadWaits(directory, process);
+    }
+    return process;
+}
+
+} // namespace
+
+Processes::Processes(const std::set<pid_t>& unrelated)
+{
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        pid_t pid = 0;
+        const char* end = name.data() + name.size();
+        if (std::from_chars(name.data(), end, pid).ptr != end || pid == getpid()) {
+            continue;
+        }
+        try {
+            const Process process = Look(entry.path());
+            if (process.opaque && !unrelated.contains(pid)) {
+                m_Opaque.push_back(pid);
+            }
+            m_All.emplace(pid, process);
+        } catch (const Gone&) {
+            continue;
+        }
+    }
+}
+
+const Process* Processes::FindAlive(pid_t pid) const
+{
+    const auto found = m_All.find(pid);
+    return found != m_All.end() && !found->second.zombie ? &found->second : nullptr;
+}
