@@ -17,8 +17,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <netinet/tcp.h>
 #include <sstream>
@@ -326,18 +324,12 @@ protected:
     }
 };
 
-std::string ReadWhole(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-/// Captures the loopback interface's traffic with one TCP port.
+/// Captures the loopback interface's traffic with one TCP port, for a minute at most.
 class Capture
 {
 public:
     explicit Capture(int port)
-        : m_Dumpcap({*FindProgram("dumpcap"), "-q", "-P", "-i", "lo", "-f",
+        : m_Dumpcap({*FindProgram("dumpcap"), "-q", "-P", "-i", "lo", "-a", "duration:60", "-f",
                      "tcp port " + std::to_string(port), "-w", GetFile()},
                     m_Directory.File("said"))
     {}
@@ -346,14 +338,12 @@ public:
     std::string WhatItSaid() const { return ReadWhole(m_Directory.File("said")); }
 
     /// False when it ends instead.
-    bool WaitUntilCapturing()
+    bool WaitUntilCapturing() const
     {
         // It names its file once the interface is open: the system keeps everything from then on.
-        while (WhatItSaid().find("File: ") == std::string::npos) {
-            siginfo_t ended{};
-            waitid(P_PID, static_cast<id_t>(m_Dumpcap.GetPid()), &ended,
-                   WEXITED | WNOHANG | WNOWAIT);
-            if (ended.si_pid != 0) {
+        const auto isCapturing = [&] { return WhatItSaid().find("File: ") != std::string::npos; };
+        while (!isCapturing()) {
+            if (HasEnded()) {
                 return false;
             }
             Pause();
@@ -369,7 +359,7 @@ public:
             const std::size_t first = bytes.find(text);
             return first != std::string::npos && bytes.find(text, first + 1) != std::string::npos;
         };
-        while (!holdsTwo()) {
+        while (!holdsTwo() && !HasEnded()) {
             Pause();
         }
         m_Dumpcap.Kill(SIGINT);
@@ -377,6 +367,13 @@ public:
     }
 
 private:
+    bool HasEnded() const
+    {
+        siginfo_t ended{};
+        waitid(P_PID, static_cast<id_t>(m_Dumpcap.GetPid()), &ended, WEXITED | WNOHANG | WNOWAIT);
+        return ended.si_pid != 0;
+    }
+
     static void Pause() { usleep(20'000); }
 
     TemporaryDirectory m_Directory;
@@ -425,6 +422,23 @@ TEST_F(Dissector, CanBeChosenByDecodeAs)
 TEST_F(Dissector, ShowsTheSameInTwoPasses)
 {
     ExpectTraffic(VELAHOST_TEST_CAPTURE, s_KeptPort, {"-2"});
+}
+
+TEST_F(Dissector, ShowsTheKeptCaptureAsTheDocumentDoes)
+{
+    const std::string shown =
+        Tshark(std::to_string(s_KeptPort))
+            .Run(VELAHOST_TEST_CAPTURE, {"-O", "velahost", "-Y", "frame.number==24"});
+    const std::string document = ReadWhole(VELAHOST_TEST_DOCUMENT);
+    const std::string indent = "    ";
+    std::size_t position = document.find(indent + "Transmission Control Protocol");
+    ASSERT_NE(position, std::string::npos);
+    for (std::size_t end; document.compare(position, indent.size(), indent) == 0;
+         position = end + 1) {
+        end = document.find('\n', position);
+        EXPECT_THAT(shown, HasSubstr(document.substr(position + indent.size(),
+                                                     end + 1 - position - indent.size())));
+    }
 }
 
 TEST_F(Dissector, FollowsNothingBehindAPartThatWillNotBeCompleted)

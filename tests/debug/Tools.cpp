@@ -31,7 +31,12 @@ std::string RunProgram(const std::vector<std::string>& arguments, int* status)
     if (status != nullptr) {
         *status = result;
     }
-    std::ifstream file(output);
+    return ReadWhole(output);
+}
+
+std::string ReadWhole(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
 }
 

@@ -14,6 +14,9 @@ std::optional<std::string> FindProgram(const std::string& name);
 /// and error. `status`, unless null, gets the exit status, or minus the number of a signal.
 std::string RunProgram(const std::vector<std::string>& arguments, int* status = nullptr);
 
+/// The file's content; empty when there is none.
+std::string ReadWhole(const std::string& path);
+
 std::vector<std::string> SplitLines(const std::string& text);
 
 } // namespace velahost_test

@@ -34,7 +34,7 @@ done
 has_field libvelahost-dev Depends "libvelahost1 (= $(field libvelahost1 Version))"
 
 # The symbols that other packages' dependencies are made from are the library's.
-library=$(find "$root" -type f -name 'libvelahost.so.*')
+library=$(find "$root" -type f -name 'libvelahost.so.*[0-9]')
 dpkg-deb --ctrl-tarfile "$(package libvelahost1)" | tar -xC "$work" ./symbols ./shlibs ./triggers
 diff <(sed -n 's/^ \(.*\)@Base 1\.0\.0$/\1/p' "$work/symbols") \
     <(nm -D --defined-only --format=just-symbols "$library" | LC_ALL=C sort) ||

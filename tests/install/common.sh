@@ -97,6 +97,6 @@ is_found_by_the_loader() {
     while IFS= read -r file; do
         if readelf -dW "$file" | grep -E 'RPATH|RUNPATH'; then fail "in $file"; fi
     done <"$work/elf-files"
-    readelf -dW "$(find "$1" -type f -name 'libvelahost.so.*')" | grep -qF 'soname: [libvelahost.so.1]' ||
+    readelf -dW "$(find "$1" -type f -name 'libvelahost.so.*[0-9]')" | grep -qF 'soname: [libvelahost.so.1]' ||
         fail "the library has another SONAME"
 }

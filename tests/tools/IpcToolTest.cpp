@@ -128,15 +128,23 @@ private:
     QueueKey m_Key;
 };
 
+/// The queue of a server that has not received anything. It takes a moment until the server waits:
+/// before that nothing ties it to its queue.
+json ShowWhenServerWaits(const std::string& handle)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    for (;;) {
+        json shown = Show({handle});
+        if (!shown["users"].empty() || std::chrono::steady_clock::now() > end) {
+            return shown;
+        }
+    }
+}
+
 TEST(IpcToolQueue, IsShownWithTheServerThatHasNotReceivedAnything)
 {
     const QueueEchoServer server;
-    // It takes a moment until the server waits: before that nothing ties it to its queue.
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    json shown;
-    do {
-        shown = Show({"queue:" + server.GetAddress()});
-    } while (shown["users"].empty() && std::chrono::steady_clock::now() < end);
+    const json shown = ShowWhenServerWaits("queue:" + server.GetAddress());
     EXPECT_EQ(shown["state"], "used");
     EXPECT_THAT(Users(shown), Contains(std::pair(server.GetPid(), "waiting")));
 }
@@ -236,8 +244,7 @@ TEST(IpcToolQueue, StaysWhileAServerThatHasNotReceivedAnythingWaits)
 {
     QueueEchoServer server;
     const std::string handle = "queue:" + server.GetAddress();
-    while (Show({handle})["users"].empty()) {
-    }
+    ShowWhenServerWaits(handle);
     EXPECT_EQ(Clean(handle, s_AtOnce).status, 1);
     EXPECT_NE(server.GetQueue(), -1);
     server.Kill();
@@ -341,10 +348,25 @@ TEST_F(IpcToolLock, IsKnownWithoutItsSemaphore)
     EXPECT_FALSE(HasFile());
 }
 
-TEST_F(IpcToolLock, IsKnownBeforeItIsMarked)
+TEST_F(IpcToolLock, ThatHasNoMarkIsKnownByItsSemaphore)
 {
     std::ofstream(LockFile()).close();
-    EXPECT_EQ(ShowToRoot(s_LockHandle)["marked"], false);
+    semget(ftok(LockFile().c_str(), 0), 1, IPC_CREAT | 0600);
+    const json shown = ShowToRoot(s_LockHandle);
+    EXPECT_EQ(shown["marked"], false);
+    EXPECT_EQ(shown["state"], "abandoned");
+}
+
+TEST_F(IpcToolLock, ThatMayBeAnyEmptyFileStays)
+{
+    std::ofstream(LockFile()).close();
+    const json shown = ShowToRoot(s_LockHandle);
+    EXPECT_EQ(shown["marked"], false);
+    EXPECT_EQ(shown["state"], "uncertain");
+    const ToolResult result = Clean(s_LockHandle, s_AtOnce);
+    EXPECT_EQ(result.errors, "lock:mutex stays: nothing proves that the empty file is a lock\n");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(HasFile());
 }
 
 TEST_F(IpcToolLock, IsNoOtherFileOfTheFolder)
@@ -373,11 +395,12 @@ TEST(IpcToolSemaphore, WithoutALockFileIsShownAndNeverRemoved)
 {
     const InstallDirectory install;
     const TemporaryDirectory directory;
+    const SemaphoreFile unmoved(install.File("temp/lock"));
+    const SemaphoreFile semaphore(directory.File("moved"));
     // The key goes with the file wherever it is moved.
     std::ofstream(install.File("temp/lock")) << '\1';
     const int id = semget(ftok(install.File("temp/lock").c_str(), 0), 1, IPC_CREAT | 0600);
     std::filesystem::rename(install.File("temp/lock"), directory.File("moved"));
-    const SemaphoreFile semaphore(directory.File("moved"));
     ASSERT_EQ(semaphore.FindSemaphore(), id);
 
     const std::string handle = "semaphore:" + std::to_string(id);

@@ -291,6 +291,10 @@ Object DescribeLock(const Processes& processes, const Lock& lock)
         },
         "of the same installation");
     users.Conclude();
+    if (object.state == State::Abandoned && !lock.marked && !lock.semaphore) {
+        object.state = State::Uncertain;
+        object.reason = "nothing proves that the empty file is a lock";
+    }
     object.summary = lock.marked ? "ready" : "not marked as ready";
     if (!lock.semaphore) {
         object.summary += ", no semaphore";

@@ -72,8 +72,20 @@ Status ReadStatus(const fs::path& directory, Process& process)
     if (open == std::string::npos || close == std::string::npos) {
         throw Gone();
     }
-    const char state = text[close + 2];
-    return {text.substr(open + 1, close - open - 1), state == 'Z' || state == 'X'};
+    // Behind the name: state, five numbers, flags. A thread that is ending looks alive until it is
+    // done, but what it has can't be read any more.
+    std::istringstream fields(text.substr(close + 2));
+    char state = 'X';
+    std::array<long, 5> others{};
+    unsigned long flags = 0;
+    fields >> state;
+    for (long& other : others) {
+        fields >> other;
+    }
+    fields >> flags;
+    constexpr unsigned long ending = 0x4;
+    const bool ended = state == 'Z' || state == 'X' || (flags & ending) != 0;
+    return {text.substr(open + 1, close - open - 1), ended};
 }
 
 /// The directory of a thread that still runs: the first thread may have ended before others.
@@ -197,6 +209,13 @@ Process Look(const fs::path& directory)
         ReadEnvironment(*thread, process);
         ReadDescriptors(*thread, process);
         ReadWaits(directory, process);
+        if (process.opaque && !FindLiveThread(directory, process)) {
+            // It has ended meanwhile: nothing was kept from us.
+            Process ended;
+            ended.name = process.name;
+            ended.zombie = true;
+            return ended;
+        }
     }
     return process;
 }
