@@ -39,4 +39,8 @@ install(FILES "${generated}/velahost.pc"
 
 install(FILES README.md CHANGELOG.md DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT doc)
 install(DIRECTORY docs examples DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT doc
-    PATTERN CMakeLists.txt EXCLUDE)
+    PATTERN CMakeLists.txt EXCLUDE
+    PATTERN Doxyfile EXCLUDE
+    PATTERN figures EXCLUDE
+    PATTERN man EXCLUDE
+    PATTERN mainpage.md EXCLUDE)

@@ -49,6 +49,13 @@ prepare_machine() {
     fi
 }
 
+# The operators' tools are left out where the headers they are made with can't be had.
+prepare_tools() {
+    [ -e /usr/include/CLI/CLI.hpp ] && [ -e /usr/include/nlohmann/json.hpp ] && return
+    say "Installing: libcli11-dev nlohmann-json3-dev"
+    install_packages libcli11-dev nlohmann-json3-dev || say "Can't install them: no tools"
+}
+
 # build PRESET [TARGET...]: everything unless targets are named.
 build() {
     local name=$1
