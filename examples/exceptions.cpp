@@ -1,6 +1,6 @@
 // Exceptions: each logs one line when it is constructed, and tells its catcher why.
 
-#include <VelaHost_OS/ThreadMutex.h>
+#include <VelaHost_OS/ProcessMutex.h>
 #include <VelaHost_Utility/Exception.h>
 
 #include <cstdio>
@@ -39,15 +39,11 @@ int main()
     }
 
     // The library's own failures are of the same family.
-    auto* mutex = new VelaHost_OS::ThreadMutex;
-    mutex->Lock();
     try {
-        delete mutex; // still held
+        VelaHost_OS::ProcessMutex("nobody's").Delete(); // never made
     } catch (const SystemException& e) {
-        std::printf("caught: code 0x%x\n", e.GetErrorCode());
+        std::printf("caught: code 0x%x, errno %u\n", e.GetErrorCode(), e.GetSysErr());
     }
-    mutex->Unlock();
-    delete mutex;
 }
 
 // Output:
@@ -55,5 +51,5 @@ int main()
 //   caught: BadParmException(Index=0,radix 99)
 //   logged: code 0x2008, line 19
 //   caught: BadStateException(door open)
-//   SystemException(SysErr=0x0) at include/internal/unix/OSSystem:68
-//   caught: code 0x2002
+//   SystemException(SysErr=0x16) at src/unix/OSProcessMutex:189
+//   caught: code 0x2002, errno 22
