@@ -52,7 +52,7 @@ function(velahost_test name)
     add_executable(${name} ${test_UNPARSED_ARGUMENTS})
     velahost_configure_target(${name})
     velahost_build_quickly(${name})
-    target_precompile_headers(${name} REUSE_FROM velahost_test_support)
+    target_precompile_headers(${name} REUSE_FROM velahost_test_headers)
     target_link_libraries(${name} PRIVATE velahost velahost_test_support GTest::gmock_main)
     gtest_discover_tests(${name}
         DISCOVERY_TIMEOUT 60

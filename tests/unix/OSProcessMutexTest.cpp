@@ -709,10 +709,11 @@ TEST_F(ProcessMutexInit, MayBeCancelledWhileItWaits)
     m_Place.LeaveFile("");
     const Pipe waiting;
     const unsigned int descriptors = CountDescriptors();
-    const Hook sleep(interposed::nanosleep, [&](const WideTimespec* time, WideTimespec* rest) {
-        waiting.Send();
-        return interposed::nanosleep.Real(time, rest);
-    });
+    const Hook sleep(interposed::nanosleep,
+                     [&](const WideTimespec*, WideTimespec*) -> std::optional<int> {
+                         waiting.Send();
+                         return std::nullopt;
+                     });
     ProcessMutex mutex(s_Name);
     pthread_t thread{};
     ASSERT_EQ(pthread_create(&thread, nullptr, InitOnAThread, &mutex), 0);
