@@ -11,7 +11,7 @@
 #include <typeinfo>
 #include <vector>
 
-/// The library's public operations, one by one, with what the contract says of each failure: read
+/// The library's public operations, one by one, with what is promised of each failure: read
 /// by the engine (Torture.h), written as tables (the *Operations.cpp).
 namespace velahost_test {
 
