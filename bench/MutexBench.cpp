@@ -53,7 +53,7 @@ private:
     VelaHost_OS::ThreadMutex& m_Mutex;
 };
 
-template<typename Mutex, typename Section>
+template <typename Mutex, typename Section>
 void LockAndUnlock(benchmark::State& state)
 {
     static Mutex s_Mutex;
@@ -65,7 +65,7 @@ void LockAndUnlock(benchmark::State& state)
     }
 }
 
-template<typename Mutex, typename Section>
+template <typename Mutex, typename Section>
 void Register(const std::string& kind, const char* contestant)
 {
     const auto run = LockAndUnlock<Mutex, Section>;

@@ -63,3 +63,21 @@ build() {
     cmake --preset "$name" >/dev/null &&
         cmake --build --preset "$name" ${1:+--target "$@"} -- --quiet
 }
+
+# list_test_runs PATTERN: PROGRAM FILTER, one a line, for the built test programs that match. All of a
+# program's tests in one run, but for those of the programs that need a process each: they look at
+# what a process has one of.
+list_test_runs() {
+    local one_by_one='/(AbiTest|DefaultExceptionLoggerTest|OSTimerQueueTest|OSTimerServiceTest|TimerTest)$'
+    local program
+    find "build/$preset/tests" -type f -executable -name '*Test' | grep -E "$1" | sort |
+        while read -r program; do
+            if [[ $program =~ $one_by_one ]]; then
+                "$program" --gtest_list_tests | awk -v program="$program" '
+                    /^[^ ]/ { suite = $1; next }
+                    { print program, suite $1 }'
+            else
+                echo "$program" '*'
+            fi
+        done
+}

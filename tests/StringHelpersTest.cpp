@@ -156,6 +156,7 @@ TEST(Strupr, FollowsTheProcessLocale)
     s_Latin1 = true;
     char text[] = "x\xe4\xf6\xfc\xff";
     strupr(text);
+    s_Latin1 = false;
     EXPECT_STREQ(text, "X\xc4\xd6\xdc\xff");
 }
 

@@ -2,6 +2,8 @@
 
 #include <VelaHost_Utility/Export.h>
 
+#include <internal/unix/OSSystem.h>
+
 #include <new>
 #include <pthread.h>
 
@@ -25,14 +27,24 @@ public:
     virtual ~ThreadMutex() noexcept(false);
 
     /// Waits until the mutex is free and takes it.
-    void Lock();
+    VELAHOST_EXPORT void Lock()
+    {
+        CheckResult(pthread_mutex_lock(&m_Mutex));
+        RecordAcquisition();
+    }
 
     /// True when the mutex was free and is now held; false, and nothing is changed, when another
     /// holds it.
     bool TryLock();
 
     /// Releases the mutex. When it throws, the diagnostic words say that it is released.
-    void Unlock();
+    VELAHOST_EXPORT void Unlock()
+    {
+        // Before the release: after it, another thread may already be writing these words.
+        ++m_UnlockCount;
+        m_Locked = 0;
+        CheckResult(pthread_mutex_unlock(&m_Mutex));
+    }
 
     /// Successful `Lock` and `TryLock` calls since construction.
     unsigned int GetLockCount() const { return m_LockCount; }
@@ -53,7 +65,12 @@ public:
 private:
     friend class ThreadEvent;
 
-    void RecordAcquisition();
+    void RecordAcquisition()
+    {
+        ++m_LockCount;
+        m_Locked = 1;
+        m_Owner = pthread_self();
+    }
 
     pthread_mutex_t m_Mutex;
     unsigned int m_LockCount;

@@ -42,7 +42,8 @@ void ThreadEvent::Set()
 
 void ThreadEvent::Reset()
 {
-    m_Signalled = false;
+    // Nothing waits for this store, so nothing has to be ordered behind it.
+    m_Signalled.store(false, std::memory_order_release);
 }
 
 bool ThreadEvent::Wait(int milliseconds)

@@ -11,6 +11,14 @@ namespace VelaHost_OS {
 
 static const std::string s_CompName("OS");
 
+namespace {
+
+// Makes the library export what is inline, for callers that are compiled without inlining.
+[[gnu::used]] void (ThreadMutex::*const s_ExportedInlines[])() = {&ThreadMutex::Lock,
+                                                                  &ThreadMutex::Unlock};
+
+} // namespace
+
 ThreadMutex::ThreadMutex()
 {
     pthread_mutexattr_t attributes;
@@ -33,12 +41,6 @@ void ThreadMutex::operator delete(ThreadMutex* mutex, std::destroying_delete_t) 
     VelaHost_Utility::DestroyThenFree(mutex);
 }
 
-void ThreadMutex::Lock()
-{
-    CheckResult(pthread_mutex_lock(&m_Mutex));
-    RecordAcquisition();
-}
-
 bool ThreadMutex::TryLock()
 {
     const int result = pthread_mutex_trylock(&m_Mutex);
@@ -48,21 +50,6 @@ bool ThreadMutex::TryLock()
     CheckResult(result);
     RecordAcquisition();
     return true;
-}
-
-void ThreadMutex::Unlock()
-{
-    // Before the release: after it, another thread may already be writing these words.
-    ++m_UnlockCount;
-    m_Locked = 0;
-    CheckResult(pthread_mutex_unlock(&m_Mutex));
-}
-
-void ThreadMutex::RecordAcquisition()
-{
-    ++m_LockCount;
-    m_Locked = 1;
-    m_Owner = pthread_self();
 }
 
 } // namespace VelaHost_OS
