@@ -669,7 +669,7 @@ void Memory(benchmark::State& state, std::size_t connections)
         service.Connect(connections);
     }
     constexpr double kibibyte = 1024;
-    state.counters["bytes"] =
+    state.counters["bytes-per-connection"] =
         kibibyte * static_cast<double>(service.GetMemory() - before) / (connections - 1);
 }
 
@@ -679,7 +679,7 @@ void Register(const std::string& name)
     constexpr std::size_t some = 64;
     constexpr std::size_t many = 500;
     const auto add = [&name](const std::string& variant, const auto& run) {
-        return benchmark::RegisterBenchmark(("socket/" + variant + "/" + name).c_str(), run)
+        benchmark::RegisterBenchmark(("socket/" + variant + "/" + name).c_str(), run)
             ->UseRealTime();
     };
     for (const bench::Placement& placement : bench::s_Placements) {
@@ -698,9 +698,11 @@ void Register(const std::string& name)
         add(std::string("one-way/") + placement.name,
             [peer](benchmark::State& state) { OneWay<Contestant>(state, peer); });
     }
-    add("memory-per-connection", [](benchmark::State& state) {
-        Memory<Contestant>(state, many);
-    })->Iterations(1);
+    benchmark::RegisterBenchmark(
+        ("socket-memory/connections:" + std::to_string(many) + "/" + name).c_str(),
+        [](benchmark::State& state) { Memory<Contestant>(state, many); })
+        ->UseRealTime()
+        ->Iterations(1);
 }
 
 /// Both ends of all connections, with their libraries' own descriptors.
