@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -127,6 +128,11 @@ struct BadFile
     int line;
     std::string message;
 };
+
+void PrintTo(const BadFile& file, std::ostream* out)
+{
+    *out << file.message << ", line " << file.line;
+}
 
 class ConfigToolRefusal : public ConfigTool, public testing::WithParamInterface<BadFile>
 {};
