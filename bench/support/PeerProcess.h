@@ -19,6 +19,8 @@ public:
     PeerProcess& operator=(const PeerProcess&) = delete;
     ~PeerProcess();
 
+    pid_t GetId() const { return m_Process; }
+
 private:
     pid_t m_Process;
 };
