@@ -9,7 +9,6 @@
 #include "support/Processors.h"
 
 #include <VelaHost_OS/SystemInfo.h>
-#include <VelaHost_OS/TimerService.h>
 #include <VelaHost_Utility/Timer.h>
 
 #include <Poco/Clock.h>
@@ -66,44 +65,6 @@ public:
 
 private:
     std::vector<std::optional<VelaHost_Utility::Timer>> m_Timers;
-};
-
-/// What `VelaHost_Utility::Timer` is made of.
-class VelaHostRequests
-{
-public:
-    VelaHostRequests(std::size_t count, Expiries) : m_Requests(count) {}
-    ~VelaHostRequests()
-    {
-        for (std::size_t timer = 0; timer < m_Requests.size(); ++timer) {
-            Stop(timer);
-        }
-    }
-    void SetInterval(std::size_t timer, unsigned int interval)
-    {
-        m_Requests[timer].interval = interval;
-    }
-    void Start(std::size_t timer)
-    {
-        VelaHost_Utility::Locker locker(m_Service);
-        m_Requests[timer].request = m_Service.MakeRequest(nullptr, m_Requests[timer].interval);
-    }
-    void Stop(std::size_t timer)
-    {
-        VelaHost_Utility::Locker locker(m_Service);
-        m_Service.KillRequest(std::exchange(m_Requests[timer].request, nullptr));
-    }
-    void FinishBatch() {}
-
-private:
-    struct Entry
-    {
-        unsigned int interval = 0;
-        VelaHost_OS::TimerService::Request* request = nullptr;
-    };
-
-    VelaHost_OS::TimerService& m_Service = *VelaHost_OS::TimerService::GetInstance();
-    std::vector<Entry> m_Requests;
 };
 
 /// A tree under a lock, in which each timer knows its place.
@@ -459,7 +420,6 @@ int main(int argc, char** argv)
     benchmark::Initialize(&argc, argv);
     evthread_use_pthreads();
     Register<VelaHostTimers>("velahost");
-    Register<VelaHostRequests>("velahost-request");
     Register<BareTimers>("floor");
     Register<LibuvTimers>("libuv");
     Register<LibeventTimers>("libevent");
