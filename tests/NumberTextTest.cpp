@@ -1,5 +1,7 @@
 #include "../src/NumberText.h"
 
+#include "support/Sanitizers.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -22,6 +24,7 @@ std::ostream& operator<<(std::ostream& out, NumberRange range)
 namespace {
 
 using namespace VelaHost_Utility;
+using velahost_test::IsOnValgrind;
 
 /// What `ReadNumber` promises to equal.
 class StreamExtraction
@@ -88,10 +91,14 @@ TEST(ReadNumber, EqualsStreamExtractionForAllShortTexts)
 {
     const std::string alphabet("\0 \t\n\v\f\r+-01789afgxX,.#\xa0", 24);
     Comparison comparison;
-    constexpr std::size_t longest = 4;
-    std::array<std::size_t, longest> letters{};
+    const std::size_t longest = IsOnValgrind() ? 2 : 4;
+    std::vector<std::size_t> letters(longest);
+    unsigned int texts = 1;
+    unsigned int expected = 0;
     for (std::size_t length = 0; length <= longest; ++length) {
-        letters.fill(0);
+        expected += texts;
+        texts *= static_cast<unsigned int>(alphabet.size());
+        letters.assign(longest, 0);
         std::size_t place = 0;
         do {
             std::string text;
@@ -104,7 +111,7 @@ TEST(ReadNumber, EqualsStreamExtractionForAllShortTexts)
             }
         } while (place < length && !comparison.HasDiffered());
     }
-    EXPECT_EQ(comparison.GetCount(), 1U + 24 + 24 * 24 + 24 * 24 * 24 + 24 * 24 * 24 * 24);
+    EXPECT_EQ(comparison.GetCount(), expected);
 }
 
 std::string Format(const char* format, std::uint64_t number)
@@ -123,7 +130,10 @@ TEST(ReadNumber, EqualsStreamExtractionAroundEveryLimit)
     const std::vector<std::string> after{"", " ", "\r", "#", "g", "8", "9", "f", " 5", "."};
     std::vector<std::string> numbers{"", "8", "g", "99999999999999999999999",
                                      "7777777777777777777777"};
-    for (const int power : {0, 3, 7, 8, 15, 16, 30, 31, 32, 33, 62, 63}) {
+    const std::vector<int> powers =
+        IsOnValgrind() ? std::vector<int>{31}
+                       : std::vector<int>{0, 3, 7, 8, 15, 16, 30, 31, 32, 33, 62, 63};
+    for (const int power : powers) {
         for (int offset = -2; offset <= 2; ++offset) {
             const std::uint64_t number =
                 (std::uint64_t{1} << power) + static_cast<std::uint64_t>(offset);
@@ -143,7 +153,8 @@ TEST(ReadNumber, EqualsStreamExtractionAroundEveryLimit)
             }
         }
     }
-    EXPECT_GT(comparison.GetCount(), 150'000U);
+    EXPECT_EQ(comparison.GetCount(),
+              before.size() * signs.size() * prefixes.size() * numbers.size() * after.size());
 }
 
 TEST(ReadNumber, EqualsStreamExtractionForRandomTexts)
@@ -153,7 +164,8 @@ TEST(ReadNumber, EqualsStreamExtractionForRandomTexts)
     const auto pick = [&random](std::size_t count) { return random() % count; };
     const std::array<std::string, 3> digits{"0123456789", "01234567", "0123456789abcdefABCDEF"};
     const std::array<std::string, 8> starts{"", "", "", "0", "0x", "-", "-0x", " +"};
-    for (int i = 0; i < 300'000 && !comparison.HasDiffered(); ++i) {
+    const int count = IsOnValgrind() ? 3'000 : 300'000;
+    for (int i = 0; i < count && !comparison.HasDiffered(); ++i) {
         std::string text = starts[pick(starts.size())];
         const std::string& alphabet = digits[pick(digits.size())];
         for (std::size_t length = pick(14); length > 0; --length) {

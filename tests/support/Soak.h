@@ -1,12 +1,15 @@
 #pragma once
 
+#include "support/Sanitizers.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 
-/// Soaks come in two sizes: a short one for every run of the tests, and the full one that
-/// `VELAHOST_SOAK=full` selects. Both count what they do and end by themselves.
+/// Soaks come in three sizes: a short one for every run of the tests, the full one that
+/// `VELAHOST_SOAK=full` selects, and a small one for valgrind's tools, under which everything takes
+/// many times as long. All count what they do and end by themselves.
 namespace velahost_test {
 
 inline bool IsFullSoak()
@@ -17,8 +20,12 @@ inline bool IsFullSoak()
 
 /// What a soak of the selected size has to reach.
 template <typename Targets>
-Targets SelectSoak(const Targets& shortTargets, const Targets& fullTargets)
+Targets SelectSoak(const Targets& shortTargets, const Targets& fullTargets,
+                   const Targets& valgrindTargets)
 {
+    if (IsOnValgrind()) {
+        return valgrindTargets;
+    }
     return IsFullSoak() ? fullTargets : shortTargets;
 }
 

@@ -3,7 +3,6 @@
 #include "support/Pipe.h"
 #include "support/QueueKey.h"
 #include "support/RawQueue.h"
-#include "support/Sanitizers.h"
 #include "support/Soak.h"
 #include "support/Sockets.h"
 #include "unix/SocketService.h"
@@ -59,7 +58,7 @@ struct TransportSoakTargets
 
 constexpr TransportSoakTargets s_ShortSoak{300'000, 30, 110};
 constexpr TransportSoakTargets s_FullSoak{10'000'000, 1000, 590};
-constexpr TransportSoakTargets s_ValgrindSoak{20'000, 30, 110}; // each frame takes far longer there
+constexpr TransportSoakTargets s_ValgrindSoak{20'000, 30, 110};
 
 constexpr std::size_t s_TcpClients = 48;
 constexpr std::size_t s_QueueClients = 16;
@@ -777,8 +776,7 @@ protected:
 
 TEST_F(TransportSoak, LosesReordersAndCorruptsNothingAndKeepsNothing)
 {
-    const TransportSoakTargets targets =
-        IsOnValgrind() ? s_ValgrindSoak : SelectSoak(s_ShortSoak, s_FullSoak);
+    const TransportSoakTargets targets = SelectSoak(s_ShortSoak, s_FullSoak, s_ValgrindSoak);
     alarm(targets.boundSeconds);
     // Where allowed, so that only this test's queues are counted.
     const bool isAlone = unshare(CLONE_NEWIPC) == 0;
