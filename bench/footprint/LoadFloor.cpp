@@ -1,6 +1,6 @@
-#include <string>
+#include <exception>
 
 int main()
 {
-    return std::to_string(1).empty() ? 1 : 0;
+    return std::uncaught_exceptions();
 }
