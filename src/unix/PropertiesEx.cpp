@@ -2,6 +2,7 @@
 
 #include "Blanks.h"
 #include "PropertyLineReader.h"
+#include "SoughtName.h"
 
 #include <internal/ThrowSite.h>
 
@@ -129,7 +130,7 @@ PropertiesSection* PropertiesEx::AddSection(const char* type, const char* argume
 
 PropertiesSection* PropertiesEx::GetSection(const char* type, int index)
 {
-    const auto found = m_Sections.find(std::string_view(type));
+    const auto found = m_Sections.find(SoughtName(type));
     if (found == m_Sections.end()) {
         return nullptr;
     }
