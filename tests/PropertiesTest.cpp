@@ -210,15 +210,18 @@ TEST(PropertiesStore, TellsAlikeNamesApart)
     const std::vector<std::string> names = AlikeNames();
     Properties store;
     for (unsigned int i = 0; i < names.size(); ++i) {
-        ASSERT_EQ(store.GetProperty(names[i].c_str(), Property::AnyType), nullptr) << names[i];
+        ASSERT_EQ(store.GetProperty(names[i].c_str(), Property::AnyType), nullptr)
+            << testing::PrintToString(names[i]);
         store.AddProperty(names[i].c_str(), i);
     }
     for (unsigned int i = 0; i < names.size(); ++i) {
-        ASSERT_EQ(GetUIntPropertyValue(store, names[i].c_str(), ~0U), i) << names[i];
+        ASSERT_EQ(GetUIntPropertyValue(store, names[i].c_str(), ~0U), i)
+            << testing::PrintToString(names[i]);
     }
     CapturedStdout output;
     for (const std::string& name : names) {
-        EXPECT_THROW(store.AddProperty(name.c_str(), 0U), PropertiesException) << name;
+        EXPECT_THROW(store.AddProperty(name.c_str(), 0U), PropertiesException)
+            << testing::PrintToString(name);
     }
 }
 
