@@ -644,9 +644,10 @@ public:
     void RegisterLookUp(const char* contestant)
     {
         const std::string file = FileFor<Contestant>(contestant);
+        // The same keys for all, and no store loaded just to find out how many.
         Register(std::string("/lookup/") + contestant, [this, file](benchmark::State& state) {
             LookUp<Contestant>(state, file, m_Keys);
-        });
+        })->Iterations(static_cast<benchmark::IterationCount>(2 * m_Keys.size()));
     }
 
 private:
@@ -662,10 +663,10 @@ private:
     }
 
     template <typename Function>
-    void Register(const std::string& workload, const Function& function)
+    auto* Register(const std::string& workload, const Function& function)
     {
-        benchmark::RegisterBenchmark(("config/" + m_Name + workload).c_str(), function)
-            ->UseRealTime();
+        const std::string name = "config/" + m_Name + workload;
+        return benchmark::RegisterBenchmark(name.c_str(), function)->UseRealTime();
     }
 
     const TemporaryDirectory& m_Directory;

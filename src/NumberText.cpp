@@ -1,6 +1,5 @@
 #include "NumberText.h"
 
-#include <algorithm>
 #include <charconv>
 #include <limits>
 #include <system_error>
@@ -9,7 +8,10 @@ namespace VelaHost_Utility {
 
 namespace {
 
-constexpr std::string_view s_WhiteSpace = " \t\n\v\f\r";
+constexpr bool IsWhiteSpace(char c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
 
 /// The largest magnitude in range.
 unsigned int Limit(NumberRange range, bool negative)
@@ -30,7 +32,9 @@ std::optional<unsigned int> ReadNumber(std::string_view text, NumberRange range)
         return !text.empty() && (text.front() == a || text.front() == b);
     };
 
-    skip(std::min(text.find_first_not_of(s_WhiteSpace), text.size()));
+    while (!text.empty() && IsWhiteSpace(text.front())) {
+        skip(1);
+    }
     const bool negative = startsWith('-', '-');
     if (startsWith('-', '+')) {
         skip(1);

@@ -1,6 +1,7 @@
 #include <VelaHost_Utility/Properties.h>
 
 #include "PropertyLineReader.h"
+#include "SoughtName.h"
 
 #include <internal/ThrowSite.h>
 
@@ -51,15 +52,15 @@ Properties::~Properties()
 
 void Properties::Clear()
 {
-    for (const auto& [name, property] : m_Properties) {
-        Release(property);
+    for (auto place = m_Properties.begin(); place != m_Properties.end();) {
+        Release(place->second);
+        place = m_Properties.erase(place);
     }
-    m_Properties.clear();
 }
 
 Property* Properties::GetProperty(const char* name, Property::Type type)
 {
-    const auto found = m_Properties.find(std::string_view(name));
+    const auto found = m_Properties.find(SoughtName(name));
     if (found == m_Properties.end()) {
         return nullptr;
     }
@@ -91,7 +92,7 @@ template <typename P, typename Value>
 P* Properties::Add(const char* name, Value value, const Exception::Context& duplicateSite)
 {
     const std::string_view key(name);
-    const auto place = m_Properties.lower_bound(key);
+    const auto place = m_Properties.lower_bound(SoughtName(key));
     if (place != m_Properties.end() && place->first == key) {
         SetLastError("Property multiply defined", -1);
         throw PropertiesException(duplicateSite);

@@ -2,8 +2,6 @@
 
 #include "Blanks.h"
 
-#include <VelaHost_Utility/StringHelpers.h>
-
 #include <istream>
 
 namespace VelaHost_Utility {
@@ -13,12 +11,13 @@ bool PropertyLineReader::NextLine()
     while (!m_In.eof()) {
         ++m_LineNumber;
         ReadLine();
-        m_Start = m_Line.find_first_not_of(s_Blanks);
-        if (m_Start == std::string::npos || m_Line[m_Start] == '#') {
+        const std::string_view line = GetLine();
+        m_Start = SkipBlanks(line);
+        if (m_Start == line.size() || line[m_Start] == '#') {
             continue;
         }
         // Names and texts are handed on as C strings, which would end at it without a word.
-        if (m_Line.find('\0') != std::string::npos) {
+        if (line.find('\0') != std::string_view::npos) {
             Fail("Invalid syntax (NUL character)", m_Rules.nulSite);
         }
         return true;
@@ -30,68 +29,83 @@ bool PropertyLineReader::NextLine()
 // stream.
 void PropertyLineReader::ReadLine()
 {
-    constexpr std::streamsize pieceSize = 512;
-    char piece[pieceSize];
-    m_Line.clear();
+    m_LongLine.clear();
     for (;;) {
-        m_In.getline(piece, pieceSize);
-        const std::streamsize count = m_In.gcount();
+        m_In.getline(m_Piece, sizeof m_Piece);
+        const auto count = static_cast<std::size_t>(m_In.gcount());
         if (m_In.good()) {
             // The newline is counted but not stored.
-            m_Line.append(piece, static_cast<std::size_t>(count - 1));
+            EndLine(count - 1);
             return;
         }
-        const bool ended = m_In.eof();
-        if (!ended) {
-            // A full piece is reported as a failure, too.
-            if (m_In.bad() || count != pieceSize - 1) {
-                Fail("Input is not readable", m_Rules.unreadableSite);
-            }
-            m_In.clear();
-        }
-        m_Line.append(piece, static_cast<std::size_t>(count));
-        if (ended) {
+        if (m_In.eof()) {
+            EndLine(count);
             return;
         }
+        // A full piece is reported as a failure, too.
+        if (m_In.bad() || count != sizeof m_Piece - 1) {
+            Fail("Input is not readable", m_Rules.unreadableSite);
+        }
+        m_In.clear();
+        m_LongLine.append(m_Piece, count);
+    }
+}
+
+void PropertyLineReader::EndLine(std::size_t length)
+{
+    if (m_LongLine.empty()) {
+        m_Line = m_Piece;
+        m_Length = length;
+    } else {
+        m_LongLine.append(m_Piece, length);
+        m_Line = m_LongLine.data();
+        m_Length = m_LongLine.size();
     }
 }
 
 void PropertyLineReader::AddPropertyTo(Properties& table)
 {
-    const std::size_t sign = m_Line.find('=');
-    if (sign == std::string::npos) {
+    const std::string_view line = WithoutLastBlanks(GetLine());
+    const std::size_t sign = line.find('=');
+    if (sign == std::string_view::npos) {
         Fail(m_Rules.missingSignText, m_Rules.missingSignSite);
     }
-    m_Name.assign(m_Line, 0, sign);
-    chop(m_Name);
-    m_Value.assign(m_Line, sign + 1, std::string::npos);
-    chop(m_Value);
+    const char* name = m_Line;
+    std::size_t nameEnd = sign;
+    // A name of nothing but blanks stays as it is.
+    if (m_Start < sign) {
+        name += m_Start;
+        nameEnd = WithoutLastBlanks(line.substr(0, sign)).size();
+    }
+    m_Line[nameEnd] = '\0';
+    const std::size_t value = SkipBlanks(line, sign + 1);
 
-    if (m_Value.starts_with('"')) {
-        const std::size_t closingQuote = m_Value.find('"', 1);
-        if (closingQuote == std::string::npos) {
+    if (value < line.size() && line[value] == '"') {
+        const std::size_t closingQuote = line.find('"', value + 1);
+        if (closingQuote == std::string_view::npos) {
             Fail("String value missing closing quote", m_Rules.missingQuoteSite);
         }
-        const std::size_t next = m_Value.find_first_not_of(s_Blanks, closingQuote + 1);
-        if (next != std::string::npos && m_Value[next] != '#') {
+        const std::size_t next = SkipBlanks(line, closingQuote + 1);
+        if (next < line.size() && line[next] != '#') {
             Fail("Invalid characters following string value", m_Rules.afterQuoteSite);
         }
-        m_Value.resize(closingQuote);
-        Add(table, m_Value.c_str() + 1);
+        m_Line[closingQuote] = '\0';
+        Add<const char*>(table, name, m_Line + value + 1);
     } else {
-        const std::optional<unsigned int> number = ReadNumber(m_Value, m_Rules.numberRange);
+        const std::optional<unsigned int> number =
+            ReadNumber(line.substr(value), m_Rules.numberRange);
         if (!number) {
             Fail("Invalid UInt value", m_Rules.badNumberSite);
         }
-        Add(table, *number);
+        Add(table, name, *number);
     }
 }
 
 template <typename Value>
-void PropertyLineReader::Add(Properties& table, Value value)
+void PropertyLineReader::Add(Properties& table, const char* name, Value value)
 {
     try {
-        table.AddProperty(m_Name.c_str(), value);
+        table.AddProperty(name, value);
     } catch (const PropertiesException&) {
         m_Loaded.SetLastError(nullptr, GetLineNumber());
         throw;

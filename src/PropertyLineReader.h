@@ -4,8 +4,10 @@
 
 #include <VelaHost_Utility/Properties.h>
 
+#include <cstddef>
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 namespace VelaHost_Utility {
 
@@ -36,12 +38,12 @@ public:
     /// Takes no more from the input than the lines that it has read.
     bool NextLine();
 
-    /// The current line without its newline. It holds no NUL.
-    const std::string& GetLine() const { return m_Line; }
+    /// The current line without its newline; gone with the next one. It holds no NUL.
+    std::string_view GetLine() const { return {m_Line, m_Length}; }
     /// The position of its first character that is not blank.
     std::size_t GetStart() const { return m_Start; }
 
-    /// Adds the property that the current line defines to `table`.
+    /// Adds the property that the current line defines to `table`; cuts the line into pieces.
     void AddPropertyTo(Properties& table);
 
     /// Rejects the current line.
@@ -49,8 +51,10 @@ public:
 
 private:
     void ReadLine();
+    /// The current line ends with the first `length` characters of the piece.
+    void EndLine(std::size_t length);
     template <typename Value>
-    void Add(Properties& table, Value value);
+    void Add(Properties& table, const char* name, Value value);
     int GetLineNumber() const { return static_cast<int>(m_LineNumber); }
 
     std::istream& m_In;
@@ -58,11 +62,13 @@ private:
     const PropertyLineRules& m_Rules;
 
     unsigned int m_LineNumber = 0;
-    std::string m_Line;
+    // The current line, followed by a NUL, where it was read to: `m_Piece` or, if longer,
+    // `m_LongLine`.
+    char* m_Line = nullptr;
+    std::size_t m_Length = 0;
     std::size_t m_Start = 0;
-    // Kept from line to line for their memory.
-    std::string m_Name;
-    std::string m_Value;
+    char m_Piece[512];
+    std::string m_LongLine;
 };
 
 } // namespace VelaHost_Utility

@@ -18,11 +18,11 @@ bool IsRoomless(unsigned int max)
 
 void chop(std::string& text)
 {
-    const std::size_t first = text.find_first_not_of(s_Blanks);
-    if (first == std::string::npos) {
+    const std::size_t first = SkipBlanks(text);
+    if (first == text.size()) {
         return;
     }
-    text.resize(text.find_last_not_of(s_Blanks) + 1);
+    text.resize(WithoutLastBlanks(text).size());
     text.erase(0, first);
 }
 

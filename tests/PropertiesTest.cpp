@@ -5,11 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <random>
 #include <sstream>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 namespace {
 
@@ -181,6 +184,44 @@ TEST(PropertiesStore, FindsEachOfMany)
     }
     for (unsigned int i = 0; i < 5000; ++i) {
         ASSERT_EQ(GetUIntPropertyValue(store, std::to_string(i * 7919 % 5000).c_str(), 5000), i);
+    }
+}
+
+/// Each differs from others in its length, or in one byte, whatever that byte and its position.
+std::vector<std::string> AlikeNames()
+{
+    std::vector<std::string> names;
+    for (std::size_t length = 0; length <= 13; ++length) {
+        const std::string name(length, 'm');
+        names.push_back(name);
+        for (std::size_t i = 0; i < length; ++i) {
+            for (const char byte : {'\x01', 'l', 'n', '\x7f', '\x80', '\xff'}) {
+                names.push_back(name);
+                names.back()[i] = byte;
+            }
+        }
+    }
+    std::shuffle(names.begin(), names.end(), std::mt19937(20240229));
+    return names;
+}
+
+TEST(PropertiesStore, TellsAlikeNamesApart)
+{
+    const std::vector<std::string> names = AlikeNames();
+    Properties store;
+    for (unsigned int i = 0; i < names.size(); ++i) {
+        ASSERT_EQ(store.GetProperty(names[i].c_str(), Property::AnyType), nullptr)
+            << testing::PrintToString(names[i]);
+        store.AddProperty(names[i].c_str(), i);
+    }
+    for (unsigned int i = 0; i < names.size(); ++i) {
+        ASSERT_EQ(GetUIntPropertyValue(store, names[i].c_str(), ~0U), i)
+            << testing::PrintToString(names[i]);
+    }
+    CapturedStdout output;
+    for (const std::string& name : names) {
+        EXPECT_THROW(store.AddProperty(name.c_str(), 0U), PropertiesException)
+            << testing::PrintToString(name);
     }
 }
 

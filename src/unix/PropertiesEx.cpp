@@ -2,6 +2,7 @@
 
 #include "Blanks.h"
 #include "PropertyLineReader.h"
+#include "SoughtName.h"
 
 #include <internal/ThrowSite.h>
 
@@ -55,7 +56,7 @@ public:
     /// Opens or closes a section, as the current line says.
     void HandleLine()
     {
-        const std::string& line = m_Reader.GetLine();
+        const std::string line(m_Reader.GetLine());
         const std::size_t start = m_Reader.GetStart();
         const std::size_t typeEnd = line.find_first_of(" \t>", start + 1);
         if (line.at(start + 1) == '/') {
@@ -129,7 +130,7 @@ PropertiesSection* PropertiesEx::AddSection(const char* type, const char* argume
 
 PropertiesSection* PropertiesEx::GetSection(const char* type, int index)
 {
-    const auto found = m_Sections.find(std::string_view(type));
+    const auto found = m_Sections.find(SoughtName(type));
     if (found == m_Sections.end()) {
         return nullptr;
     }
@@ -156,11 +157,14 @@ PropertiesSection::PropertiesSection(const char* arguments)
     const std::string_view text(arguments);
     std::size_t end = 0;
     for (;;) {
-        const std::size_t start = text.find_first_not_of(s_Blanks, end);
-        if (start == std::string_view::npos) {
+        const std::size_t start = SkipBlanks(text, end);
+        if (start == text.size()) {
             return;
         }
-        end = text.find_first_of(s_Blanks, start);
+        end = start;
+        while (end < text.size() && !IsBlank(text[end])) {
+            ++end;
+        }
         m_Arguments.emplace_back(text.substr(start, end - start));
     }
 }
