@@ -22,6 +22,31 @@ bool FitsIntoSet(int descriptor)
     return descriptor < FD_SETSIZE;
 }
 
+// Unsigned, the place in a set takes a shift instead of a division that rounds towards zero; with
+// hundreds of connections that is most of what a pass does itself.
+
+void AddTo(fd_set& set, int descriptor)
+{
+    FD_SET(static_cast<unsigned int>(descriptor), &set);
+}
+
+bool IsIn(const fd_set& set, int descriptor)
+{
+    return FD_ISSET(static_cast<unsigned int>(descriptor), &set);
+}
+
+/// The index, from `index` on, of the next connection in the set; past the end when there is none.
+std::size_t FindNext(const std::vector<IpcSocketTransport::Connection*>& connections,
+                     std::size_t index, const fd_set& set)
+{
+    const std::size_t end = connections.size();
+    while (index < end &&
+           (connections[index]->IsFree() || !IsIn(set, connections[index]->GetSock()))) {
+        ++index;
+    }
+    return index;
+}
+
 } // namespace
 
 IpcSocketTransport::Connection::Connection(int connectionId)
@@ -92,11 +117,11 @@ void IpcSocketTransport::Run()
     try {
         fd_set ready;
         FD_ZERO(&ready);
-        FD_SET(server.GetSock(), &ready);
+        AddTo(ready, server.GetSock());
         NoteDescriptor(server.GetSock());
         for (const Connection* connection : manager.connections) {
             if (!connection->IsFree()) {
-                FD_SET(connection->GetSock(), &ready);
+                AddTo(ready, connection->GetSock());
                 NoteDescriptor(connection->GetSock());
                 if (log != nullptr) {
                     log->LogDebug("Adding Cx %d (socket %d) to select set", connection->id,
@@ -111,13 +136,12 @@ void IpcSocketTransport::Run()
             return;
         }
         // By index: what a handler or an adapter does may lengthen the table.
-        for (std::size_t i = 0; i < manager.connections.size(); ++i) {
-            Connection& connection = *manager.connections[i];
-            if (!connection.IsFree() && FD_ISSET(connection.GetSock(), &ready)) {
-                Receive(connection);
-            }
+        std::size_t i = 0;
+        while ((i = FindNext(manager.connections, i, ready)) < manager.connections.size()) {
+            Receive(*manager.connections[i]);
+            ++i;
         }
-        if (FD_ISSET(server.GetSock(), &ready)) {
+        if (IsIn(ready, server.GetSock())) {
             AcceptClient();
         }
     } catch (const VelaHost_Utility::Exception& e) {
