@@ -3,6 +3,7 @@
 #include "support/Pipe.h"
 #include "support/QueueKey.h"
 #include "support/RawQueue.h"
+#include "support/Sanitizers.h"
 #include "support/Soak.h"
 #include "support/Sockets.h"
 #include "unix/SocketService.h"
@@ -58,6 +59,7 @@ struct TransportSoakTargets
 
 constexpr TransportSoakTargets s_ShortSoak{300'000, 30, 110};
 constexpr TransportSoakTargets s_FullSoak{10'000'000, 1000, 590};
+constexpr TransportSoakTargets s_ValgrindSoak{20'000, 30, 110}; // each frame takes far longer there
 
 constexpr std::size_t s_TcpClients = 48;
 constexpr std::size_t s_QueueClients = 16;
@@ -532,11 +534,12 @@ using Session = void (*)(Page&, std::minstd_rand&, std::uint32_t);
 int RunClient(Page& page, Session session)
 {
     constexpr unsigned int patienceSeconds = 60;
+    const std::uint32_t longestSession = IsOnValgrind() ? 1000 : 20'000;
     std::minstd_rand random(static_cast<unsigned int>(getpid()));
     try {
         while (!page.stop) {
             alarm(patienceSeconds);
-            session(page, random, 1 + static_cast<std::uint32_t>(random() % 20'000));
+            session(page, random, 1 + static_cast<std::uint32_t>(random()) % longestSession);
         }
         return 0;
     } catch (const std::exception& e) {
@@ -774,7 +777,8 @@ protected:
 
 TEST_F(TransportSoak, LosesReordersAndCorruptsNothingAndKeepsNothing)
 {
-    const TransportSoakTargets targets = SelectSoak(s_ShortSoak, s_FullSoak);
+    const TransportSoakTargets targets =
+        IsOnValgrind() ? s_ValgrindSoak : SelectSoak(s_ShortSoak, s_FullSoak);
     alarm(targets.boundSeconds);
     // Where allowed, so that only this test's queues are counted.
     const bool isAlone = unshare(CLONE_NEWIPC) == 0;

@@ -1,0 +1,6 @@
+#include <VelaHost_OS/SystemInfo.h>
+
+int main()
+{
+    return VelaHost_OS::gethrtime() > 0 ? 0 : 1;
+}
