@@ -22,29 +22,11 @@ bool FitsIntoSet(int descriptor)
     return descriptor < FD_SETSIZE;
 }
 
-// Unsigned, the place in a set takes a shift instead of a division that rounds towards zero; with
-// hundreds of connections that is most of what a pass does itself.
-
-void AddTo(fd_set& set, int descriptor)
+/// Whether it is the number of a descriptor. Knowing that it isn't negative, the compiler finds its
+/// place in a set by a shift instead of a signed division, which counts with hundreds of them.
+bool IsOpen(int descriptor)
 {
-    FD_SET(static_cast<unsigned int>(descriptor), &set);
-}
-
-bool IsIn(const fd_set& set, int descriptor)
-{
-    return FD_ISSET(static_cast<unsigned int>(descriptor), &set);
-}
-
-/// The index, from `index` on, of the next connection in the set; past the end when there is none.
-std::size_t FindNext(const std::vector<IpcSocketTransport::Connection*>& connections,
-                     std::size_t index, const fd_set& set)
-{
-    const std::size_t end = connections.size();
-    while (index < end &&
-           (connections[index]->IsFree() || !IsIn(set, connections[index]->GetSock()))) {
-        ++index;
-    }
-    return index;
+    return descriptor >= 0;
 }
 
 } // namespace
@@ -117,15 +99,16 @@ void IpcSocketTransport::Run()
     try {
         fd_set ready;
         FD_ZERO(&ready);
-        AddTo(ready, server.GetSock());
+        FD_SET(server.GetSock(), &ready);
         NoteDescriptor(server.GetSock());
         for (const Connection* connection : manager.connections) {
-            if (!connection->IsFree()) {
-                AddTo(ready, connection->GetSock());
-                NoteDescriptor(connection->GetSock());
+            const int descriptor = connection->GetSock();
+            if (IsOpen(descriptor)) {
+                FD_SET(descriptor, &ready);
+                NoteDescriptor(descriptor);
                 if (log != nullptr) {
                     log->LogDebug("Adding Cx %d (socket %d) to select set", connection->id,
-                                  connection->GetSock());
+                                  descriptor);
                 }
             }
         }
@@ -136,12 +119,13 @@ void IpcSocketTransport::Run()
             return;
         }
         // By index: what a handler or an adapter does may lengthen the table.
-        std::size_t i = 0;
-        while ((i = FindNext(manager.connections, i, ready)) < manager.connections.size()) {
-            Receive(*manager.connections[i]);
-            ++i;
+        for (std::size_t i = 0; i < manager.connections.size(); ++i) {
+            Connection& connection = *manager.connections[i];
+            if (IsOpen(connection.GetSock()) && FD_ISSET(connection.GetSock(), &ready)) {
+                Receive(connection);
+            }
         }
-        if (IsIn(ready, server.GetSock())) {
+        if (FD_ISSET(server.GetSock(), &ready)) {
             AcceptClient();
         }
     } catch (const VelaHost_Utility::Exception& e) {
