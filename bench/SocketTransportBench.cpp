@@ -3,8 +3,7 @@
 //
 // Every server but ZeroMQ's, which has a protocol of its own, serves the same client. No server
 // turns Nagle's algorithm off (ZeroMQ does so by itself): a reply is the only data on its way. The
-// client turns it off, or the last message of a batch would wait for the acknowledgement of those
-// before it, which nobody answers.
+// client turns it off, so that messages of a batch are sent one by one and not several at once.
 #include "support/Exchange.h"
 #include "support/PeerProcess.h"
 
