@@ -49,26 +49,22 @@ void Timer::Start()
     if (m_Running) {
         throw TimerException(s_StartSite, s_TimerMisuseCode, 0);
     }
-    m_Request = service->MakeRequest(this, m_Interval);
-    m_Running = true;
+    Arm(*service);
 }
 
 void Timer::Stop()
 {
     TimerService* const service = TimerService::GetInstance();
     Locker locker(*service);
-    if (m_Running) {
-        service->KillRequest(m_Request);
-        m_Request = nullptr;
-        m_Running = false;
-    }
+    Disarm(*service);
 }
 
 void Timer::Restart()
 {
-    Locker locker(*TimerService::GetInstance());
-    Stop();
-    Start();
+    TimerService* const service = TimerService::GetInstance();
+    Locker locker(*service);
+    Disarm(*service);
+    Arm(*service);
 }
 
 void Timer::Fire(Locker& locker)

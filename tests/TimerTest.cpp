@@ -385,23 +385,26 @@ TEST_F(TimerPeriodic, MayRestartItselfFromItsHandler)
     timer.Stop();
 }
 
-TEST_F(TimerPeriodic, EndsTheProcessWhenItCantBeArmedAgain)
+TEST_F(TimerPeriodic, GoesOnWhenMemoryHasRunOut)
 {
-    ChildProcess child([] {
-        const rlimit none{0, 0};
-        setrlimit(RLIMIT_CORE, &none);
-        const int quiet = open("/dev/null", O_WRONLY);
-        dup2(quiet, STDERR_FILENO);
-        static std::vector<std::string> s_Fired;
-        static std::optional<FailingAllocation> s_Failure;
-        static Recorder s_Handler(s_Fired, "a",
-                                  [](Timer&) { s_Failure.emplace(1, FailingAllocation::forGood); });
-        Timer timer(0, &s_Handler, true);
-        timer.Start();
-        sleep(30);
-        return 0;
+    StartThread();
+    std::optional<FailingAllocation> failure;
+    Recorder handler(m_Fired, "a", [&](Timer& timer) {
+        if (m_Fired.size() == 1) {
+            failure.emplace(1, FailingAllocation::forGood);
+        } else if (m_Fired.size() == 3) {
+            failure.reset();
+            timer.Stop();
+        }
     });
-    EXPECT_EQ(child.WaitForExitStatus(), -SIGABRT);
+    m_Fired.reserve(3);
+    Timer timer(10, &handler, true);
+    timer.Start();
+    for (int firing = 0; firing < 3; ++firing) {
+        m_Thread.WakeAfter(10);
+    }
+    EXPECT_EQ(m_Fired.size(), 3U);
+    EXPECT_FALSE(timer.IsRunning());
 }
 
 using TimerStart = TimerTest;
@@ -650,19 +653,34 @@ TEST_F(TimerRestart, HoldsTheLockAllTheTime)
 
 TEST_F(TimerRestart, ThatFailsLeavesTheTimerStopped)
 {
-    StartThread();
     Timer timer(10, &m_Handler, false);
-    timer.Start();
     {
-        const FailingAllocation failure(1);
-        EXPECT_THROW(timer.Restart(), std::bad_alloc);
+        const FailingCall failure("pthread_create", EAGAIN);
+        EXPECT_THROW(timer.Restart(), SystemException);
     }
     EXPECT_FALSE(timer.IsRunning());
     EXPECT_TRUE(ServiceIsFree());
-    m_Thread.WakeAfter(10);
-    EXPECT_THAT(m_Fired, IsEmpty());
     timer.Restart();
+    m_Thread.WaitUntilAsleep();
+    m_Thread.Wake();
+    EXPECT_THAT(m_Fired, IsEmpty());
     m_Thread.WakeAfter(10);
+    EXPECT_THAT(m_Fired, ElementsAre("fired"));
+}
+
+TEST_F(TimerRestart, OfARunningTimerNeedsNoMemory)
+{
+    StartThread();
+    Timer timer(10, &m_Handler, false);
+    timer.Start();
+    m_Thread.WakeAfter(9);
+    {
+        const FailingAllocation failure(1, FailingAllocation::forGood);
+        timer.Restart();
+    }
+    m_Thread.WakeAfter(9);
+    EXPECT_THAT(m_Fired, IsEmpty());
+    m_Thread.WakeAfter(1);
     EXPECT_THAT(m_Fired, ElementsAre("fired"));
 }
 

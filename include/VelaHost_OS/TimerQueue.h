@@ -6,8 +6,8 @@
 #include <csignal>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <pthread.h>
-#include <unordered_map>
 
 namespace VelaHost_OS {
 
@@ -39,6 +39,8 @@ private:
         }
     };
     using RequestsByExpiry = std::multimap<std::uint64_t, Request*, Earlier>;
+    struct Entry;
+    class EntryPool;
 
     /// Milliseconds on the queue's clock at `now`, which is in nanoseconds.
     std::uint64_t ElapsedMilliseconds(std::int64_t now) const;
@@ -47,7 +49,7 @@ private:
     /// With the lock held. True when the thread must not sleep towards its next wake any longer.
     bool MustWakeFor(std::uint64_t expiry) const;
     /// With the lock held.
-    void Remove(RequestsByExpiry::iterator entry);
+    void Remove(RequestsByExpiry::iterator place);
     /// Fires the first request if it is due. Returns how long to sleep, in milliseconds; 0 means
     /// not at all.
     std::uint64_t RunPass();
@@ -59,8 +61,9 @@ private:
     std::uint64_t m_NextWake;
     pthread_t m_Thread;
     RequestsByExpiry m_Requests;
-    /// Where each request is in `m_Requests`: tells one that is gone without reading it.
-    std::unordered_map<const Request*, RequestsByExpiry::iterator> m_Entries;
+    /// The memory of all requests: tells one that is gone, or never was, without reading it.
+    /// Null before the first.
+    std::unique_ptr<EntryPool> m_Pool;
 };
 
 } // namespace VelaHost_OS

@@ -80,6 +80,21 @@ public:
     bool IsPeriodic() const { return m_Periodic; }
 
 private:
+    // Both with the service's lock held.
+    void Arm(VelaHost_OS::TimerService& service)
+    {
+        m_Request = service.MakeRequest(this, m_Interval);
+        m_Running = true;
+    }
+    void Disarm(VelaHost_OS::TimerService& service)
+    {
+        if (m_Running) {
+            service.KillRequest(m_Request);
+            m_Request = nullptr;
+            m_Running = false;
+        }
+    }
+
     const unsigned int m_Interval;
     Handler* const m_Handler;
     const bool m_Periodic;

@@ -10,7 +10,9 @@
 #include <VelaHost_Utility/Timer.h>
 
 #include <csignal>
+#include <cstddef>
 #include <utility>
+#include <vector>
 
 namespace velahost_test {
 
@@ -181,10 +183,19 @@ struct Service
     Service()
     {
         // The first request of the process starts the thread; one for this very moment wakes it,
-        // whatever it sleeps towards.
+        // whatever it sleeps towards. Several, at first, are more than all scenes together leave
+        // pending, so that none of them makes the queue grow.
+        static std::size_t s_RequestCount = 16;
         Locker locker(service);
-        service.KillRequest(service.MakeRequest(nullptr, 0));
+        std::vector<TimerService::Request*> requests;
+        while (requests.size() < s_RequestCount) {
+            requests.push_back(service.MakeRequest(nullptr, 0));
+        }
+        for (TimerService::Request* const request : requests) {
+            service.KillRequest(request);
+        }
         locker.Unlock();
+        s_RequestCount = 1;
         thread.WaitUntilAsleep();
     }
     ~Service() { ReleaseIfHeld(PlatformMutex(service)); }
@@ -322,6 +333,7 @@ std::vector<Operation> TimerOperations()
          }),
          Tells("asleep again").Leaves("fired 1, free"),
          {{"pthread_sigmask", each, EINVAL, throws},
+          {"prctl", each, EINVAL, Ignored()},
           {"gettimeofday", 1, EINVAL, Ignored(), Tells("asleep again")},
           {"gettimeofday", each, EINVAL, Ignored()},
           {"pthread_mutex_lock", 1, EINVAL, throws},
@@ -387,25 +399,16 @@ std::vector<Operation> TimerOperations()
          {{"pthread_mutex_lock", each, EINVAL, throws},
           {"pthread_mutex_unlock", each, EPERM, throws.Leaves("stopped, calls 0, held")}}},
 
-        // Three guards, one within the other: what one of the inner ones can't release, the
-        // outer one must.
         {"Timer_Restart",
          With<Running>([](Running& f) {
              f.timer->Restart();
              return Told("restarted");
          }),
          Tells("restarted"),
-         {{"pthread_mutex_lock", 1, EINVAL, throws},
-          {"pthread_mutex_lock", 2, EINVAL, throws},
-          {"pthread_mutex_lock", 3, EINVAL, throws.Leaves("stopped, calls 0, free")},
+         {{"pthread_mutex_lock", each, EINVAL, throws},
           {"gettimeofday", each, EINVAL, Ignored()},
           {"pthread_kill", each, ESRCH, Ignored()},
-          {"pthread_mutex_unlock", 1, EPERM, throws.Leaves("stopped, calls 0, held"),
-           EndsProcess()},
-          {"pthread_mutex_unlock", 2, EPERM, throws.Leaves("running, calls 0, held"),
-           EndsProcess()},
-          {"pthread_mutex_unlock", 3, EPERM, throws.Leaves("running, calls 0, held")}},
-         {{each, OutOfMemory().Leaves("stopped, calls 0, free")}}},
+          {"pthread_mutex_unlock", each, EPERM, throws.Leaves("running, calls 0, held")}}},
 
         {"Timer_IsRunning",
          With<Running>([](Running& f) { return Told::Number(f.timer->IsRunning()); }),
@@ -429,6 +432,7 @@ std::vector<Operation> TimerOperations()
          With<DueTimer<false>>(RunServiceThread<false>),
          Tells("asleep").Leaves("stopped, calls 1, free"),
          {{"pthread_sigmask", each, EINVAL, throws},
+          {"prctl", each, EINVAL, Ignored()},
           {"gettimeofday", 1, EINVAL, Tells("asleep")},
           {"gettimeofday", 2, EINVAL, Ignored()},
           {"pthread_mutex_lock", 1, EINVAL, throws},
@@ -443,6 +447,7 @@ std::vector<Operation> TimerOperations()
          With<DueTimer<true>>(RunServiceThread<true>),
          Tells("asleep").Leaves("running, calls 1, free"),
          {{"pthread_sigmask", each, EINVAL, throws},
+          {"prctl", each, EINVAL, Ignored()},
           {"gettimeofday", 1, EINVAL, Tells("asleep")},
           {"gettimeofday", 2, EINVAL, Tells("asleep").Leaves("running, calls 2, free"), Ignored()},
           {"gettimeofday", 3, EINVAL, Ignored()},

@@ -21,6 +21,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
@@ -30,10 +31,12 @@
 #include <mutex>
 #include <new>
 #include <optional>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
@@ -743,6 +746,41 @@ TEST_F(TimerQueueKill, DoesNotReadARequestThatIsNoLongerQueued)
     EXPECT_THAT(m_Fired, ElementsAre("a", "b"));
 }
 
+TEST_F(TimerQueueKill, FindsEachOfManyAndNothingBesides)
+{
+    StartThread();
+    constexpr std::size_t count = 1000;
+    std::deque<Recorder> handlers;
+    std::vector<Request*> requests;
+    for (std::size_t i = 0; i < count; ++i) {
+        handlers.emplace_back(m_Fired, std::to_string(i));
+        // Seven by seven they expire together.
+        requests.push_back(Make(handlers.back(), static_cast<unsigned int>(1000 + i / 7)));
+    }
+    std::vector<std::string> left;
+    std::vector<Request*> killed;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (i % 3 == 0) {
+            left.push_back(std::to_string(i));
+        } else {
+            killed.push_back(requests[i]);
+        }
+    }
+    std::shuffle(killed.begin(), killed.end(), std::mt19937(1));
+    for (Request* const request : killed) {
+        Kill(request);
+    }
+    for (Request* const request : killed) {
+        Kill(request);
+    }
+    for (Request* const request : requests) {
+        // Not where the request begins.
+        Kill(reinterpret_cast<Request*>(reinterpret_cast<char*>(request) + 4));
+    }
+    m_Thread.WakeAfter(2000);
+    EXPECT_EQ(m_Fired, left);
+}
+
 TEST_F(TimerQueueKill, FreesTheRequest)
 {
     StartThread();
@@ -954,6 +992,17 @@ TEST_F(TimerQueueStart, NamesTheThreadBeforeTheCallerGoesOn)
     EXPECT_THAT(ThreadNames(), ::testing::Contains("vela-timer").Times(1));
 }
 
+TEST_F(TimerQueueStart, MakesTheThreadsSleepsExact)
+{
+    unsigned long slack = 0;
+    Recorder a(m_Fired, "a", [&slack](Locker&) {
+        slack = static_cast<unsigned long>(prctl(PR_GET_TIMERSLACK, 0UL, 0UL, 0UL, 0UL));
+    });
+    Make(a, 0);
+    m_Thread.WaitUntilAsleep();
+    EXPECT_EQ(slack, 1U);
+}
+
 TEST_F(TimerQueueStart, DoesWithoutTheName)
 {
     const FailingCall failure("pthread_setname_np", EPERM);
@@ -973,27 +1022,61 @@ TEST_F(TimerQueueMemory, ThatRunsOutLeavesTheQueueAsItWas)
     Recorder lost(m_Fired, "lost");
     Make(a, 20);
     m_Thread.Wake();
-    bool succeeded = false;
-    unsigned int failures = 0;
-    while (!succeeded) {
-        Locker locker(*m_Service);
-        const CallCounter signals("pthread_kill");
-        const AllocationBalance balance;
-        const FailingAllocation failure(failures + 1);
-        try {
-            m_Service->KillRequest(m_Service->MakeRequest(&lost, 10));
-            succeeded = !failure.WasHit();
-        } catch (const std::bad_alloc&) {
-            EXPECT_EQ(signals.GetCallCount(), 0U);
-            // Room that the queue's index made for itself may stay.
-            EXPECT_LE(balance.GetLiveCount(), 1);
+    constexpr std::size_t count = 100;
+    std::vector<Request*> requests;
+    requests.reserve(count);
+    unsigned int mostFailures = 0;
+    while (requests.size() < count) {
+        const std::size_t made = requests.size();
+        unsigned int failures = 0;
+        for (; requests.size() == made; ++failures) {
+            Locker locker(*m_Service);
+            const CallCounter signals("pthread_kill");
+            const AllocationBalance balance;
+            const FailingAllocation failure(failures + 1);
+            try {
+                Request* const request = m_Service->MakeRequest(&lost, 10);
+                if (failure.WasHit()) {
+                    m_Service->KillRequest(request);
+                } else {
+                    requests.push_back(request);
+                }
+            } catch (const std::bad_alloc&) {
+                EXPECT_EQ(signals.GetCallCount(), 0U);
+                // Room that the queue made for requests may stay.
+                EXPECT_LE(balance.GetLiveCount(), 1);
+            }
         }
-        ++failures;
+        mostFailures = std::max(mostFailures, failures);
     }
-    // The request, its place among the others, its place in the index.
-    EXPECT_GE(failures, 4U);
+    // The room for more requests, one's place among the others.
+    EXPECT_GE(mostFailures, 3U);
+    for (Request* const request : requests) {
+        Kill(request);
+    }
     m_Thread.WakeAfter(20);
     EXPECT_THAT(m_Fired, ElementsAre("a"));
+}
+
+TEST_F(TimerQueueMemory, OfRequestsServesLaterOnes)
+{
+    StartThread();
+    Recorder a(m_Fired, "a");
+    constexpr unsigned int count = 100;
+    const auto makeAll = [&] {
+        for (unsigned int i = 0; i < count; ++i) {
+            Make(a, i % 2);
+        }
+    };
+    makeAll();
+    m_Thread.WakeAfter(1);
+    m_Fired.clear();
+    {
+        const FailingAllocation failure(1, FailingAllocation::forGood);
+        makeAll();
+    }
+    m_Thread.WakeAfter(1);
+    EXPECT_EQ(m_Fired.size(), count);
 }
 
 TEST_F(TimerQueueMemory, ThatRunsOutForTheFirstRequestLeavesAnIdleThread)

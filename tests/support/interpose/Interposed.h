@@ -131,5 +131,6 @@ extern Interposed<int(int, const sigset_t*, sigset_t*)> pthread_sigmask;
 extern Interposed<int(const sigset_t*, siginfo_t*, const timespec*)> sigtimedwait;
 extern Interposed<int(pthread_attr_t*, int)> pthread_attr_setscope;
 extern Interposed<int(pthread_t, const char*)> pthread_setname_np;
+extern Interposed<int(int, unsigned long, unsigned long, unsigned long, unsigned long)> prctl;
 
 } // namespace velahost_test::interposed

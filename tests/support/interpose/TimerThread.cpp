@@ -1,8 +1,10 @@
 #include "support/interpose/Interposed.h"
 
 #include <csignal>
+#include <cstdarg>
 #include <ctime>
 #include <pthread.h>
+#include <sys/prctl.h>
 
 namespace velahost_test::interposed {
 
@@ -16,10 +18,12 @@ constinit Interposed<int(pthread_attr_t*, int)> pthread_attr_setscope("pthread_a
                                                                       FailureStyle::ErrorNumber);
 constinit Interposed<int(pthread_t, const char*)> pthread_setname_np("pthread_setname_np",
                                                                      FailureStyle::ErrorNumber);
+constinit Interposed<int(int, unsigned long, unsigned long, unsigned long, unsigned long)>
+    prctl("prctl", FailureStyle::MinusOneAndErrno);
 
-static const Registration s_Registration{&sigemptyset,           &sigaddset,
-                                         &pthread_sigmask,       &sigtimedwait,
-                                         &pthread_attr_setscope, &pthread_setname_np};
+static const Registration s_Registration{
+    &sigemptyset,        &sigaddset, &pthread_sigmask, &sigtimedwait, &pthread_attr_setscope,
+    &pthread_setname_np, &prctl};
 
 } // namespace velahost_test::interposed
 
@@ -55,6 +59,18 @@ int pthread_attr_setscope(pthread_attr_t* attributes, int scope) noexcept
 int pthread_setname_np(pthread_t thread, const char* name) noexcept
 {
     return interposed::pthread_setname_np.Call(thread, name);
+}
+
+int prctl(int option, ...) noexcept
+{
+    std::va_list list;
+    va_start(list, option);
+    const auto second = va_arg(list, unsigned long);
+    const auto third = va_arg(list, unsigned long);
+    const auto fourth = va_arg(list, unsigned long);
+    const auto fifth = va_arg(list, unsigned long);
+    va_end(list);
+    return interposed::prctl.Call(option, second, third, fourth, fifth);
 }
 
 } // extern "C"
