@@ -322,16 +322,18 @@ std::unique_ptr<Timers> MakeStanding(std::size_t pending, Expiries expiries)
 }
 
 template <typename Timers>
+std::unique_ptr<Timers> s_Standing;
+
+template <typename Timers>
 Timers& Standing(std::size_t pending, Expiries expiries)
 {
     static std::pair<std::size_t, Expiries> s_Made;
-    static std::unique_ptr<Timers> s_Timers;
-    if (s_Timers == nullptr || s_Made != std::pair(pending, expiries)) {
-        s_Timers.reset();
-        s_Timers = MakeStanding<Timers>(pending, expiries);
+    if (s_Standing<Timers> == nullptr || s_Made != std::pair(pending, expiries)) {
+        s_Standing<Timers>.reset();
+        s_Standing<Timers> = MakeStanding<Timers>(pending, expiries);
         s_Made = {pending, expiries};
     }
-    return *s_Timers;
+    return *s_Standing<Timers>;
 }
 
 template <typename Timers>
@@ -359,6 +361,8 @@ void StopAll(benchmark::State& state, std::size_t count)
     using std::chrono::milliseconds;
     using Clock = std::chrono::steady_clock;
     bench::RunOn(bench::Processor::First);
+    // A process's timers may share one queue.
+    s_Standing<Timers>.reset();
     Timers timers(count, Expiries::Same);
     const Clock::time_point expiry = Clock::now() + milliseconds(s_Hour);
     for (std::size_t timer = 0; timer < count; ++timer) {
