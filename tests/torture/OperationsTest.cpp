@@ -53,7 +53,6 @@ constexpr std::array s_Exemptions{
     Exemption{"ProcessMutex::WaitForReadyMark", s_Step},
     Exemption{"SharedMemory::ReplaceFile", s_Step},
     Exemption{"Socket::FillAddress", s_Step},
-    Exemption{"ThreadMutex::RecordAcquisition", s_Step},
     Exemption{"TimerQueue::ElapsedMilliseconds", s_Step},
     Exemption{"TimerQueue::MustWakeFor", s_Step},
     Exemption{"TimerQueue::Remove", s_Step},
