@@ -28,7 +28,7 @@ constexpr std::string_view s_CannotFail = "has no way to fail";
 constexpr std::string_view s_Language = "the language's run time: fails by exception or not at all";
 constexpr std::string_view s_Allocation = "FailingAllocation makes it fail";
 constexpr std::string_view s_TraceLibrary = "the trace library's: tests/support/plume stands in";
-constexpr std::string_view s_Instrumentation = "a sanitizer's or coverage's own";
+constexpr std::string_view s_Instrumentation = "a sanitizer's own";
 
 constexpr std::array s_Exemptions{
     Exemption{"htons", s_Whole, s_CannotFail}, // a call only without optimisation
@@ -68,7 +68,6 @@ constexpr std::array s_Exemptions{
     Exemption{"__asan_", s_Beginning, s_Instrumentation},
     Exemption{"__ubsan_", s_Beginning, s_Instrumentation},
     Exemption{"__sanitizer_", s_Beginning, s_Instrumentation},
-    Exemption{"__gcov_", s_Beginning, s_Instrumentation},
 };
 
 bool IsExempt(std::string_view import)
