@@ -49,6 +49,20 @@ prepare_machine() {
     fi
 }
 
+prepare_valgrind() {
+    local missing=()
+    command -v valgrind >/dev/null || missing+=(valgrind)
+    # Without the C library's debug information valgrind doesn't start 32-bit programs.
+    dpkg -s libc6-dbg:i386 >/dev/null 2>&1 || {
+        as_root dpkg --add-architecture i386
+        missing+=(libc6-dbg:i386)
+    }
+    if [ "${#missing[@]}" -gt 0 ]; then
+        say "Installing: ${missing[*]}"
+        install_packages "${missing[@]}"
+    fi
+}
+
 # The operators' tools are left out where the headers they are made with can't be had.
 prepare_tools() {
     [ -e /usr/include/CLI/CLI.hpp ] && [ -e /usr/include/nlohmann/json.hpp ] && return
