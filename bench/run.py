@@ -70,9 +70,11 @@ def run_program(program, only):
     return {key: (unit, statistics.median(values)) for key, (unit, values) in samples.items()}
 
 
-def run_footprint(script, build):
-    done = subprocess.run([sys.executable, str(script), str(build)], stdout=subprocess.PIPE, text=True,
-                          timeout=SECONDS_A_PROGRAM_MAY_TAKE, check=True)
+def run_footprint(build, rivals):
+    script = pathlib.Path(__file__).with_name("footprint.py")
+    done = subprocess.run(
+        [sys.executable, str(script), "--build", str(build), "--rivals", str(rivals)],
+        stdout=subprocess.PIPE, text=True, timeout=SECONDS_A_PROGRAM_MAY_TAKE, check=True)
     return {split_name(row["name"]): (row["unit"], row["value"])
             for row in json.loads(done.stdout)["footprint"]}
 
@@ -86,15 +88,14 @@ def processor_name():
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build", type=pathlib.Path, required=True, help="directory of the programs")
+    parser.add_argument("--build", type=pathlib.Path, required=True, help="the build tree")
     parser.add_argument("--rivals", type=pathlib.Path, required=True, help="where scripts/rivals put them")
     parser.add_argument("--out", type=pathlib.Path, required=True, help="the JSON file")
     parser.add_argument("--rounds", type=int, default=7)
     parser.add_argument("--only", help="a regular expression that benchmarks' names must match")
     arguments = parser.parse_args()
 
-    programs = sorted(arguments.build.glob("*Bench"))
-    footprint = pathlib.Path(__file__).with_name("footprint.py")
+    programs = sorted((arguments.build / "bench").glob("*Bench"))
     results = {}
 
     def keep(figures):
@@ -109,7 +110,7 @@ def main():
             keep(run_program(program, arguments.only))
         print(f"round {number + 1} of {arguments.rounds} done", flush=True)
     if not arguments.only or "footprint".startswith(arguments.only):
-        keep(run_footprint(footprint, arguments.build))
+        keep(run_footprint(arguments.build, arguments.rivals))
 
     report = {
         "date": datetime.date.today().isoformat(),
