@@ -182,7 +182,7 @@ void* TimerQueue::RunThread(void* queue)
 {
     auto* const self = static_cast<TimerQueue*>(queue);
     CheckResult(pthread_sigmask(SIG_BLOCK, &self->m_WakeSignals, nullptr));
-    prctl(PR_SET_TIMERSLACK, s_SleepSlack);
+    prctl(PR_SET_TIMERSLACK, s_SleepSlack, 0UL, 0UL, 0UL);
     for (;;) {
         if (const std::uint64_t wait = self->RunPass(); wait != 0) {
             self->Sleep(wait);

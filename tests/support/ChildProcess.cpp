@@ -30,7 +30,7 @@ pid_t ForkTied()
         throw std::runtime_error("fork failed");
     }
     if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        prctl(PR_SET_PDEATHSIG, SIGKILL, 0UL, 0UL, 0UL);
         if (getppid() != parent) {
             _exit(1);
         }
