@@ -93,8 +93,8 @@ void Register(const char* name, void (*fail)())
 int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
-    Register<SystemException>("exception/velahost", ThrowVelaHost);
-    Register<SameSize>("exception/floor", ThrowFloor);
-    Register<Poco::SystemException>("exception/poco", ThrowPoco);
+    Register<SystemException>("exception/throw-catch/velahost", ThrowVelaHost);
+    Register<SameSize>("exception/throw-catch/floor", ThrowFloor);
+    Register<Poco::SystemException>("exception/throw-catch/poco", ThrowPoco);
     benchmark::RunSpecifiedBenchmarks();
 }
