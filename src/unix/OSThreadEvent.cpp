@@ -42,8 +42,9 @@ void ThreadEvent::Set()
 
 void ThreadEvent::Reset()
 {
-    // Nothing waits for this store, so nothing has to be ordered behind it.
-    m_Signalled.store(false, std::memory_order_release);
+    // In order with what the caller reads next: a condition that is looked at after `Reset` and
+    // found false is made true, and the event set, only after it.
+    m_Signalled = false;
 }
 
 bool ThreadEvent::Wait(int milliseconds)

@@ -252,6 +252,61 @@ TEST(ThreadEventSet, ThrowsAndStaysSetWhenWakingFails)
     EXPECT_TRUE(event.Wait(s_NoLimit));
 }
 
+/// Two threads that begin each round together.
+class StartLine
+{
+public:
+    void Await(int round)
+    {
+        ++m_Arrived;
+        for (int looks = 1; m_Arrived < 2 * round; ++looks) {
+            if (looks % 1000 == 0) {
+                std::this_thread::yield();
+            }
+        }
+    }
+
+private:
+    std::atomic<int> m_Arrived{0};
+};
+
+TEST(ThreadEventReset, IsDoneBeforeTheCallerLooksForWork)
+{
+    // Who resets, finds no work and waits must be woken by who then brings some: the reset must not
+    // come to pass after the look. Many rounds, since it only might: as many as there are in the
+    // time, for where the two threads have to share a processor.
+    const auto timeIsUp = [end = std::chrono::steady_clock::now() + std::chrono::seconds(1)] {
+        return std::chrono::steady_clock::now() > end;
+    };
+    constexpr int enough = 50'000;
+    ThreadEvent event;
+    std::atomic<bool> hasWork{false};
+    std::atomic<bool> isLast{false};
+    StartLine begin;
+    StartLine end;
+    std::thread producer([&] {
+        for (int round = 1; !isLast; ++round) {
+            begin.Await(round);
+            hasWork = true;
+            event.Set();
+            end.Await(round);
+        }
+    });
+    int lost = 0;
+    for (int round = 1; !isLast; ++round) {
+        hasWork = false;
+        event.Set();
+        begin.Await(round);
+        event.Reset();
+        const bool foundWork = hasWork;
+        isLast = round == enough || timeIsUp();
+        end.Await(round);
+        lost += !foundWork && !event.IsSet() ? 1 : 0;
+    }
+    producer.join();
+    EXPECT_EQ(lost, 0);
+}
+
 TEST(ThreadEventWait, ReturnsAtOnceWhileSet)
 {
     ThreadEvent event;
@@ -768,6 +823,12 @@ TEST(ThreadEventLayout, KeepsItsFieldsInOrder)
     EXPECT_EQ(word(afterCondition + 4), 2U);
     EXPECT_EQ(word(afterCondition + 8), 2U);
     if (sizeof(void*) == 4) {
+        // The mutex's own words, which each wait keeps as every other lock does.
+        EXPECT_EQ(word(28), 2U);
+        EXPECT_EQ(word(32), 2U);
+        EXPECT_EQ(word(36), 0xDEADU);
+        EXPECT_EQ(word(40), 0U);
+        EXPECT_EQ(word(44), pthread_self());
         EXPECT_EQ(afterMutex, 48U);
         EXPECT_EQ(afterCondition, 96U);
         EXPECT_EQ(time(108), event->GetWaitStart());
