@@ -25,10 +25,9 @@ public:
 
     /// Creates the file with `size` bytes of zero and opens it. Returns 0, or -1:
     /// - The file can't be created, for example because it exists; it is left as it was, `GetFd()`
-    ///   is -1, and the process's file-creation mask stays 0.
+    ///   is -1, `GetSize()` is 0, and the process's file-creation mask stays 0.
     /// - The zeros could not all be written and flushed; the file is removed, the object keeps its
-    ///   descriptor, and `GetSize()` does not change. `errno` is `ENOSPC` when only a part of them
-    ///   fitted.
+    ///   descriptor, and `GetSize()` is 0. `errno` is `ENOSPC` when only a part of them fitted.
     /// - There is no memory for the zeros; nothing has happened.
     ///
     /// The file gets the read and write permissions of the install directory (`KAVRI_VELA_DIR`,
@@ -37,7 +36,7 @@ public:
     int Create(unsigned int size);
 
     /// Opens the existing file, whoever made it, and learns its size. Returns 0, or -1 when it
-    /// can't be opened; `GetFd()` is -1 then.
+    /// can't be opened; `GetFd()` is -1 then, and `GetSize()` is 0.
     int Open();
 
     /// Maps `length` bytes from byte `offset`, a multiple of the page size, for reading and
@@ -51,7 +50,7 @@ public:
     /// not be removed.
     int Delete();
 
-    /// Bytes in the region; 0 until `Create()` or `Open()` has succeeded.
+    /// Bytes in the region; 0 while the object has none.
     unsigned int GetSize() const { return m_Size; }
     /// The object's own descriptor of the file; -1 while none is open.
     int GetFd() const { return m_Fd; }

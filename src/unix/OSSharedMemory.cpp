@@ -135,6 +135,7 @@ void SharedMemory::ReplaceFile(int fd)
         close(m_Fd);
     }
     m_Fd = fd;
+    m_Size = 0;
 }
 
 } // namespace VelaHost_OS

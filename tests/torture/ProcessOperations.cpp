@@ -440,7 +440,7 @@ std::vector<Operation> RegionOperations()
          With<CreatedRegion>([](CreatedRegion& f) { return Told::Result(f.region->Open()); }),
          Tells("0"),
          {{"open", each, EMFILE,
-           failed(EMFILE).Leaves("size 8192, closed, file 640 of 8192, mask 22")},
+           failed(EMFILE).Leaves("size 0, closed, file 640 of 8192, mask 22")},
           {"lseek", 1, ESPIPE,
            Tells("0").Leaves("size 4294967295, open, file 640 of 8192, mask 22")},
           {"lseek", 2, ESPIPE, Ignored()},

@@ -386,6 +386,19 @@ TEST_F(SharedMemoryCreate, RemovesTheFileWhenTheFlushFails)
     ExpectNothingButTheDescriptor(memory);
 }
 
+TEST_F(SharedMemoryCreate, ThatFailsForgetsTheSizeOfTheFormerFile)
+{
+    std::ofstream(m_Path) << std::string(4096, 'x');
+    SharedMemory memory(m_Path.c_str());
+    ASSERT_EQ(memory.Open(), 0);
+    ASSERT_EQ(memory.GetSize(), 4096U);
+    ASSERT_EQ(memory.Delete(), 0);
+    const FailingCall write("write", EIO);
+    EXPECT_EQ(memory.Create(5000), -1);
+    ExpectNothingButTheDescriptor(memory);
+    EXPECT_EQ(memory.Map(), MAP_FAILED);
+}
+
 TEST_F(SharedMemoryCreate, KeepsTheCauseWhenTheFileCannotBeRemovedEither)
 {
     const FailingCall fsync("fsync", EDQUOT);
@@ -618,6 +631,19 @@ TEST_F(SharedMemoryOpen, KeepsTheCauseWhenTheFormerFileCannotBeClosed)
     EXPECT_EQ(memory.Open(), -1);
     EXPECT_EQ(GetLastError(), EMFILE);
     EXPECT_TRUE(close.WasHit());
+}
+
+TEST_F(SharedMemoryOpen, ThatFailsForgetsTheSizeOfTheFormerFile)
+{
+    std::ofstream(m_Path) << std::string(4096, 'x');
+    SharedMemory memory(m_Path.c_str());
+    ASSERT_EQ(memory.Open(), 0);
+    ASSERT_EQ(memory.GetSize(), 4096U);
+    const FailingCall open("open", EMFILE);
+    EXPECT_EQ(memory.Open(), -1);
+    EXPECT_EQ(memory.GetFd(), -1);
+    EXPECT_EQ(memory.GetSize(), 0U);
+    EXPECT_EQ(memory.Map(), MAP_FAILED);
 }
 
 TEST_F(SharedMemoryOpen, DoesNotCheckTheSeeks)
