@@ -27,17 +27,14 @@ bool Refuse(int error)
 
 /// Tells of a failed receive. The bytes go to the stream's buffer in one piece, past the stream
 /// itself: no format flag, width or locale of the application's touches them, lines of several
-/// threads stay whole, and a stream that throws doesn't.
+/// threads stay whole, and what the buffer throws stays here.
 void ReportReceiveError()
 {
     const int error = errno;
     char line[64];
     const int length =
         std::snprintf(line, sizeof line, "status == -1   errno == %d  in Socket::recv\n", error);
-    if (std::streambuf* output = std::cout.rdbuf(); output != nullptr) {
-        output->sputn(line, length);
-        output->pubsync();
-    }
+    std::ostream(std::cout.rdbuf()).write(line, length).flush();
     errno = error;
 }
 
@@ -159,8 +156,16 @@ int Socket::recv(const unsigned char* buffer, int length) const
 
 int Socket::recv(std::string& s) const
 {
-    unsigned char text[s_MaxText + 1] = {};
     s.clear();
+    // Before anything is taken from the socket: it would be lost.
+    try {
+        s.reserve(s_MaxText);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        ReportReceiveError();
+        return 0;
+    }
+    unsigned char text[s_MaxText + 1] = {};
     const int count = recv(text, s_MaxText);
     if (count > 0) {
         s = reinterpret_cast<const char*>(text);

@@ -157,6 +157,16 @@ struct Connected : Sockets
     }
 };
 
+/// A text that a string has no room for by itself.
+struct LongText : Connected
+{
+    LongText()
+    {
+        WriteAll(far.Get(), std::string(95, 'x'));
+        WaitForBytes(socket.GetSock(), 100);
+    }
+};
+
 /// The same of the classes that throw.
 struct TextClient : Served
 {
@@ -206,6 +216,13 @@ struct TextServer : Sockets
     }
 };
 
+/// A string that needs no memory to receive into.
+template <typename Fixture>
+struct WithRoom : Fixture
+{
+    WithRoom() { this->text.reserve(500); }
+};
+
 struct AcceptingServer : Sockets
 {
     ServerSocket server{0};
@@ -230,6 +247,29 @@ Effect ThrowsAt(const char* file, unsigned int line, unsigned int code, int errn
 std::string ReceiveLine(int errnoValue)
 {
     return "status == -1   errno == " + std::to_string(errnoValue) + "  in Socket::recv\n";
+}
+
+template <typename Fixture>
+Told ClientReceives(Fixture& f)
+{
+    f.client >> f.text;
+    return "received";
+}
+
+template <typename Fixture>
+Told ServerReceives(Fixture& f)
+{
+    f.peer >> f.text;
+    return "received";
+}
+
+/// Out of memory, a text stays in the socket. There may be none for the exception either.
+MemoryRow TextStays(const char* file, unsigned int line)
+{
+    const std::string printed = ReceiveLine(ENOMEM);
+    const std::string state = ", 5 here, 0 there";
+    return {1, ThrowsAt(file, line, 0x2106, ENOMEM).Prints(printed).Leaves(state),
+            OutOfMemory().Prints(printed).Leaves(state)};
 }
 
 std::vector<Operation> PlainOperations()
@@ -317,12 +357,13 @@ std::vector<Operation> PlainOperations()
          {{"recv", each, EINTR, Tells("0").Prints(ReceiveLine(EINTR))}}},
 
         {"Socket_recv_Text",
-         With<Connected>([](Connected& f) {
+         With<LongText>([](LongText& f) {
              std::string text;
              return Told::Number(f.socket.recv(text));
          }),
-         Tells("5").Leaves("0 here, 0 there"),
-         {{"recv", each, ECONNRESET, Tells("0").Prints(ReceiveLine(ECONNRESET))}}},
+         Tells("100").Leaves("0 here, 0 there"),
+         {{"recv", each, ECONNRESET, Tells("0").Prints(ReceiveLine(ECONNRESET))}},
+         {{1, Tells("0").Prints(ReceiveLine(ENOMEM))}}},
 
         {"Socket_set_non_blocking",
          With<Connected>([](Connected& f) {
@@ -346,6 +387,9 @@ std::vector<Operation> ClientOperations()
 {
     constexpr unsigned int each = Row::each;
     constexpr const char* file = "src/unix/ClientSocket";
+    const Row receiveFails{
+        "recv", each, EINTR,
+        ThrowsAt(file, 78, 0x2106, EINTR).Prints(ReceiveLine(EINTR)).Leaves(", 5 here, 0 there")};
 
     return {
         // What a constructor that throws has opened stays open.
@@ -386,15 +430,15 @@ std::vector<Operation> ClientOperations()
          {{"send", each, EPIPE, ThrowsAt(file, 69, 0x2107, EPIPE)}}},
 
         {"ClientSocket_Receive",
-         With<TextClient>([](TextClient& f) {
-             f.client >> f.text;
-             return Told("received");
-         }),
+         With<TextClient>(ClientReceives<TextClient>),
          Tells("received").Leaves("hello, 0 here, 0 there"),
-         {{"recv", each, EINTR,
-           ThrowsAt(file, 78, 0x2106, EINTR)
-               .Prints(ReceiveLine(EINTR))
-               .Leaves(", 5 here, 0 there")}}},
+         {receiveFails},
+         {TextStays(file, 78)}},
+
+        {"ClientSocket_Receive_WithRoom",
+         With<WithRoom<TextClient>>(ClientReceives<WithRoom<TextClient>>),
+         Tells("received").Leaves("hello, 0 here, 0 there"),
+         {receiveFails}},
     };
 }
 
@@ -402,6 +446,10 @@ std::vector<Operation> ServerOperations()
 {
     constexpr unsigned int each = Row::each;
     constexpr const char* file = "src/unix/ServerSocket";
+    const Row receiveFails{"recv", each, ECONNRESET,
+                           ThrowsAt(file, 89, 0x2106, ECONNRESET)
+                               .Prints(ReceiveLine(ECONNRESET))
+                               .Leaves(", 5 here, 0 there")};
 
     return {
         {"ServerSocket_Construct",
@@ -456,15 +504,15 @@ std::vector<Operation> ServerOperations()
          {{"send", each, EPIPE, ThrowsAt(file, 80, 0x2107, EPIPE)}}},
 
         {"ServerSocket_Receive",
-         With<TextServer>([](TextServer& f) {
-             f.peer >> f.text;
-             return Told("received");
-         }),
+         With<TextServer>(ServerReceives<TextServer>),
          Tells("received").Leaves("hello, 0 here, 0 there"),
-         {{"recv", each, ECONNRESET,
-           ThrowsAt(file, 89, 0x2106, ECONNRESET)
-               .Prints(ReceiveLine(ECONNRESET))
-               .Leaves(", 5 here, 0 there")}}},
+         {receiveFails},
+         {TextStays(file, 89)}},
+
+        {"ServerSocket_Receive_WithRoom",
+         With<WithRoom<TextServer>>(ServerReceives<WithRoom<TextServer>>),
+         Tells("received").Leaves("hello, 0 here, 0 there"),
+         {receiveFails}},
     };
 }
 

@@ -956,16 +956,103 @@ TEST(SocketRecv, PrintsAlsoToAStreamThatThrowsOrHasFailed)
     EXPECT_TRUE(failing.WasHit());
 }
 
+/// Gives `std::cout` another buffer, until destruction.
+class TurnedOutput
+{
+public:
+    explicit TurnedOutput(std::streambuf* buffer) : m_Original(std::cout.rdbuf(buffer)) {}
+    TurnedOutput(const TurnedOutput&) = delete;
+    TurnedOutput& operator=(const TurnedOutput&) = delete;
+    ~TurnedOutput()
+    {
+        std::cout.exceptions(std::ios::goodbit);
+        std::cout.rdbuf(m_Original);
+    }
+
+private:
+    std::streambuf* m_Original;
+};
+
 TEST(SocketRecv, PrintsWhereTheApplicationHasTurnedItsOutput)
 {
     std::ostringstream elsewhere;
-    std::streambuf* original = std::cout.rdbuf(elsewhere.rdbuf());
+    const TurnedOutput turned(elsewhere.rdbuf());
     std::string text;
     EXPECT_EQ(Socket().recv(text), 0);
-    std::cout.rdbuf(nullptr);
-    EXPECT_EQ(Socket().recv(text), 0);
-    std::cout.rdbuf(original);
     EXPECT_EQ(elsewhere.str(), ReceiveErrorLine(EBADF));
+}
+
+/// Throws from one of its functions, with another `errno`.
+class ThrowingBuffer final : public std::streambuf
+{
+public:
+    enum class Function { Write, Overflow, Sync };
+
+    explicit ThrowingBuffer(Function function) : m_Function(function) {}
+
+    bool HasThrown() const { return m_HasThrown; }
+
+protected:
+    std::streamsize xsputn(const char* text, std::streamsize size) override
+    {
+        ThrowAt(Function::Write);
+        return std::streambuf::xsputn(text, size);
+    }
+    int_type overflow(int_type c) override
+    {
+        ThrowAt(Function::Overflow);
+        return traits_type::not_eof(c);
+    }
+    int sync() override
+    {
+        ThrowAt(Function::Sync);
+        return 0;
+    }
+
+private:
+    void ThrowAt(Function function)
+    {
+        if (function == m_Function) {
+            m_HasThrown = true;
+            errno = ENOSPC;
+            throw 42;
+        }
+    }
+
+    Function m_Function;
+    bool m_HasThrown = false;
+};
+
+TEST(SocketRecv, KeepsToItselfWhatTheBufferOfTheStreamThrows)
+{
+    using Function = ThrowingBuffer::Function;
+    constexpr std::ios::iostate mask = std::ios::badbit | std::ios::failbit;
+    for (const Function function : {Function::Write, Function::Overflow, Function::Sync}) {
+        SCOPED_TRACE(static_cast<int>(function));
+        ThrowingBuffer buffer(function);
+        const TurnedOutput turned(&buffer);
+        std::cout.exceptions(mask);
+        std::string text;
+        errno = 0;
+        EXPECT_NO_THROW(EXPECT_EQ(Socket().recv(text), 0));
+        EXPECT_EQ(errno, EBADF);
+        EXPECT_TRUE(buffer.HasThrown());
+        EXPECT_EQ(std::cout.rdstate(), std::ios::goodbit);
+        EXPECT_EQ(std::cout.exceptions(), mask);
+    }
+}
+
+TEST(SocketRecv, PrintsNothingWhereTheStreamHasNoBuffer)
+{
+    const TurnedOutput turned(nullptr);
+    // A stream without a buffer is bad already.
+    std::cout.exceptions(std::ios::failbit);
+    std::string text;
+    errno = 0;
+    EXPECT_NO_THROW(EXPECT_EQ(Socket().recv(text), 0));
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(std::cout.rdstate(), std::ios::badbit);
+    EXPECT_EQ(std::cout.exceptions(), std::ios::failbit);
 }
 
 TEST(SocketRecv, WritesTheLineInOnePieceAtOnce)
