@@ -13,7 +13,8 @@ public:
     virtual ~IpcMsgHandler();
 
     /// Handles one message; `length` is the payload's in bytes. `msg` is valid only during the
-    /// call and may lie at any alignment.
+    /// call and may lie at any alignment. An answer may be made in its place if its payload is no
+    /// longer: on a stream, the next message begins behind it.
     virtual void HandleIpcMessage(IpcMsgBuf& msg, int length) = 0;
 
     /// The connection with this id has gone; its id may be given to a newcomer. Does nothing

@@ -29,6 +29,32 @@ bool IsOpen(int descriptor)
     return descriptor >= 0;
 }
 
+/// Puts the head of a frame back when its handlers are done. They may answer in its place, with
+/// another length and category, and the frames are cut once more if one of them throws.
+class HeadGuard
+{
+public:
+    HeadGuard(IpcSocketTransport::Connection& connection, int offset)
+        : m_Connection(connection), m_Offset(offset)
+    {
+        std::memcpy(m_Head, m_Connection.buffer + m_Offset, sizeof m_Head);
+    }
+    HeadGuard(const HeadGuard&) = delete;
+    HeadGuard& operator=(const HeadGuard&) = delete;
+    ~HeadGuard()
+    {
+        // Gone if a handler has given the connection another buffer.
+        if (m_Connection.fill - m_Offset > s_MsgHeaderSize) {
+            std::memcpy(m_Connection.buffer + m_Offset, m_Head, sizeof m_Head);
+        }
+    }
+
+private:
+    IpcSocketTransport::Connection& m_Connection;
+    int m_Offset;
+    unsigned char m_Head[s_MsgHeaderSize];
+};
+
 } // namespace
 
 IpcSocketTransport::Connection::Connection(int connectionId)
@@ -101,13 +127,15 @@ void IpcSocketTransport::Run()
         FD_ZERO(&ready);
         FD_SET(server.GetSock(), &ready);
         NoteDescriptor(server.GetSock());
-        for (const Connection* connection : manager.connections) {
-            const int descriptor = connection->GetSock();
+        // By index, here and below: what an adapter or a handler does may lengthen the table.
+        for (std::size_t i = 0; i < manager.connections.size(); ++i) {
+            const Connection& connection = *manager.connections[i];
+            const int descriptor = connection.GetSock();
             if (IsOpen(descriptor)) {
                 FD_SET(descriptor, &ready);
                 NoteDescriptor(descriptor);
                 if (log != nullptr) {
-                    log->LogDebug("Adding Cx %d (socket %d) to select set", connection->id,
+                    log->LogDebug("Adding Cx %d (socket %d) to select set", connection.id,
                                   descriptor);
                 }
             }
@@ -118,7 +146,6 @@ void IpcSocketTransport::Run()
         if (::select(maxFd, &ready, nullptr, nullptr, nullptr) < 1) {
             return;
         }
-        // By index: what a handler or an adapter does may lengthen the table.
         for (std::size_t i = 0; i < manager.connections.size(); ++i) {
             Connection& connection = *manager.connections[i];
             if (IsOpen(connection.GetSock()) && FD_ISSET(connection.GetSock(), &ready)) {
@@ -167,6 +194,7 @@ bool IpcSocketTransport::DispatchFrames(Connection& connection)
             if (log != nullptr) {
                 log->LogError("Frame of %u bytes on cx %d", length, connection.id);
             }
+            connection.flipBuffer(offset);
             return false;
         }
         if (length > static_cast<std::uint32_t>(connection.fill - offset)) {
@@ -178,6 +206,7 @@ bool IpcSocketTransport::DispatchFrames(Connection& connection)
         if (log != nullptr) {
             log->LogRcvMsg(frame.category, connection.id, frame.data, payloadLength);
         }
+        const HeadGuard guard(connection, offset);
         manager.Dispatch(frame, payloadLength);
         offset += frameLength;
     }

@@ -2,6 +2,7 @@
 
 #include "unix/SocketService.h"
 
+#include "support/BlockedThread.h"
 #include "support/CapturedStdout.h"
 #include "support/ChildProcess.h"
 #include "support/Interpose.h"
@@ -17,13 +18,15 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <cctype>
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
+#include <cstdarg>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <malloc.h>
 #include <map>
 #include <memory>
@@ -31,9 +34,13 @@
 #include <new>
 #include <random>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 #include <sys/socket.h>
 #include <thread>
 #include <type_traits>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -84,6 +91,49 @@ LogCall Established(int id, int descriptor)
 LogCall Cleared(int id)
 {
     return LogCall::Info(Text("Connection %d cleared", id));
+}
+
+/// Does what the test asks for when a step is logged, and keeps the errors.
+class ActingLogAdapter final : public IpcLogAdapter
+{
+public:
+    [[gnu::format(printf, 2, 3)]] void LogInfo(const char* format, ...) override { Act(format); }
+    [[gnu::format(printf, 2, 3)]] void LogDebug(const char* format, ...) override { Act(format); }
+    [[gnu::format(printf, 2, 3)]] void LogError(const char* format, ...) override
+    {
+        char text[200];
+        std::va_list arguments;
+        va_start(arguments, format);
+        std::vsnprintf(text, sizeof text, format, arguments);
+        va_end(arguments);
+        errors.emplace_back(text);
+    }
+    void LogRcvMsg(int, int, const void*, int) override {}
+    void LogSendMsg(int, int, const void*, int) override {}
+
+    std::function<void(std::string_view format)> onStep;
+    std::vector<std::string> errors;
+
+private:
+    void Act(std::string_view format) const
+    {
+        if (onStep) {
+            onStep(format);
+        }
+    }
+};
+
+/// Returns as soon as a thread of this process sleeps, by what the system says.
+void WaitUntilAsleep(pid_t thread)
+{
+    const std::string file = "/proc/self/task/" + std::to_string(thread) + "/stat";
+    for (std::string state; std::getline(std::ifstream(file), state);) {
+        // Behind the thread's name, which stands in brackets.
+        if (state.compare(state.rfind(')'), 3, ") S") == 0) {
+            return;
+        }
+    }
+    throw std::runtime_error("the thread has ended, or the system doesn't tell");
 }
 
 class Transport : public testing::Test
@@ -258,6 +308,18 @@ TEST(IpcSocketTransportConnection, ConsumesNoMoreThanThereIs)
     EXPECT_EQ(connection.fill, 4);
     connection.flipBuffer(5);
     EXPECT_EQ(connection.fill, 0);
+}
+
+TEST(IpcSocketTransportConnection, LeavesItsDescriptorOpenWhenDestroyed)
+{
+    ServerSocket server(0);
+    const Descriptor listener(server.GetSock());
+    const Descriptor client = ConnectTo(LocalPort(listener.Get()));
+    auto connection = std::make_unique<IpcSocketTransport::Connection>(1);
+    server.Accept(*connection);
+    const Descriptor left(connection->GetSock());
+    connection.reset();
+    EXPECT_TRUE(IsOpen(left.Get()));
 }
 
 TEST_F(Transport, ReadsOnceBehindWhatIsThere)
@@ -437,6 +499,65 @@ TEST_F(Transport, EndsThePassOnASignal)
     }
     sigaction(SIGUSR2, &original, nullptr);
     EXPECT_THAT(m_Log.Take(), ElementsAre(Selecting(Listener() + 1)));
+}
+
+TEST_F(Transport, LetsItsThreadBeCancelledWhileItWaits)
+{
+    struct Undoing
+    {
+        bool& undone;
+        ~Undoing() { undone = true; }
+    };
+    bool undone = false;
+    bool wentOn = false;
+    {
+        std::atomic<pid_t> waiting{0};
+        const Hook hook(interposed::select,
+                        [&](int, fd_set*, fd_set*, fd_set*, timeval*) -> std::optional<int> {
+                            waiting = gettid();
+                            waiting.notify_one();
+                            return std::nullopt;
+                        });
+        BlockedThread runner([&] {
+            const Undoing undoing{undone};
+            m_Transport.Run();
+            wentOn = true;
+        });
+        waiting.wait(0);
+        WaitUntilAsleep(waiting);
+        runner.Cancel();
+        runner.Join();
+    }
+    EXPECT_TRUE(undone);
+    EXPECT_FALSE(wentOn);
+    EXPECT_THAT(m_Log.Take(), ElementsAre(Selecting(Listener() + 1)));
+    const Descriptor client = Connect();
+    Deliver(client, 1, Frame(s_Category, "served"));
+    EXPECT_THAT(m_Handler.TakeMessages(), ElementsAre(Message(1, "served")));
+}
+
+TEST_F(Transport, GoesOnWhenItsAdapterLengthensTheTable)
+{
+    ActingLogAdapter log;
+    SocketService service(&log, nullptr);
+    service.manager.RegisterHandler(&m_Handler, s_Category);
+    const Descriptor first = service.Connect();
+    const Descriptor second = service.Connect();
+    // The next connection moves the table.
+    service.manager.connections.shrink_to_fit();
+    log.onStep = [&](std::string_view format) {
+        if (format.starts_with("Adding Cx")) {
+            service.manager.FindFreeConnection();
+        }
+    };
+    WriteAll(first.Get(), Frame(s_Category, "one"));
+    WaitForBytes(service.GetSock(1), 11);
+    service.Deliver(second, 2, Frame(s_Category, "two"));
+    EXPECT_THAT(m_Handler.TakeMessages(), ElementsAre(Message(1, "one"), Message(2, "two")));
+    EXPECT_EQ(service.manager.GetConnectionCount(), 3);
+    const Descriptor third = service.Connect();
+    service.Deliver(third, 3, Frame(s_Category, "three"));
+    EXPECT_THAT(m_Handler.TakeMessages(), ElementsAre(Message(3, "three")));
 }
 
 TEST_F(Transport, WatchesAlsoWithoutInit)
@@ -775,6 +896,41 @@ TEST_F(Transport, DispatchesTheFramesOfAReadAgainWhenAHandlerThrew)
     EXPECT_THAT(m_Log.Take(), Contains(Read(9, 1, 36)));
 }
 
+TEST_F(Transport, DispatchesAgainWhatCameAlsoWhereHandlersAnsweredInItsPlace)
+{
+    const Descriptor client = Connect();
+    int count = 0;
+    m_Handler.onMessage = [&](IpcMsgBuf& msg, int length) {
+        msg.data[0] = '*';
+        EXPECT_TRUE(m_Transport.SendMsg(m_Service->Get(1), 7, msg, length - 2));
+        if (++count == 2) {
+            throw IpcMsgException(s_HandlersSite);
+        }
+    };
+    Deliver(client, 1,
+            Frame(s_Category, "first") + Frame(s_Category, "second") + Frame(s_Category, "third"));
+    EXPECT_THAT(m_Handler.TakeMessages(), ElementsAre(Message(1, "first"), Message(1, "second")));
+    EXPECT_EQ(ReadExactly(client.Get(), 11).substr(8), "*ir");
+    Deliver(client, 1, Frame(s_Category, "last"));
+    EXPECT_THAT(m_Handler.TakeMessages(), ElementsAre(Message(1, "*irst"), Message(1, "*econd"),
+                                                      Message(1, "third"), Message(1, "last")));
+    EXPECT_THAT(m_ManagerLog.Take(), IsEmpty());
+    EXPECT_EQ(m_Service->Get(1).fill, 0);
+}
+
+TEST_F(Transport, WritesNothingIntoABufferThatAHandlerHasProvided)
+{
+    const Descriptor client = Connect();
+    auto& connection = m_Service->Get(1);
+    m_Handler.onMessage = [&](const IpcMsgBuf&, int) { connection.AllocBuffer(2 * s_BufferSize); };
+    const std::string frame = Frame(s_Category, "first");
+    Deliver(client, 1, frame);
+    EXPECT_THAT(std::vector(connection.buffer, connection.buffer + frame.size()), Each(0));
+    m_Handler.onMessage = nullptr;
+    Deliver(client, 1, Frame(s_Category, "second"));
+    EXPECT_THAT(m_Handler.TakeMessages(), ElementsAre(Message(1, "first"), Message(1, "second")));
+}
+
 TEST_F(Transport, LeavesTheOthersAndTheNewcomerForTheNextPassWhenAHandlerThrew)
 {
     const Descriptor first = Connect();
@@ -795,6 +951,35 @@ TEST_F(Transport, LeavesTheOthersAndTheNewcomerForTheNextPassWhenAHandlerThrew)
     m_Transport.Run();
     EXPECT_THAT(m_Handler.TakeMessages(), ElementsAre(Message(2, "second")));
     EXPECT_EQ(m_Service->CountOpen(), 3);
+}
+
+TEST_F(Transport, AbsorbsWhatItsAdapterThrowsBeforeTheDispatching)
+{
+    for (const std::string_view step :
+         {"Adding Cx", "select with max", "Read", "Established connection"}) {
+        SCOPED_TRACE(step);
+        ActingLogAdapter log;
+        SocketService service(&log, nullptr);
+        service.manager.RegisterHandler(&m_Handler, s_Category);
+        const Descriptor client = service.Connect();
+        const Descriptor newcomer = ConnectTo(service.GetPort());
+        WaitForBytes(service.transport.GetServer().GetSock(), 1);
+        bool hasThrown = false;
+        log.onStep = [&](std::string_view format) {
+            if (format.starts_with(step) && !std::exchange(hasThrown, true)) {
+                throw IpcMsgException(s_HandlersSite);
+            }
+        };
+        EXPECT_NO_THROW(service.Deliver(client, 1, Frame(s_Category, "first")));
+        EXPECT_THAT(log.errors, ElementsAre("Exception caught in Run(): IpcMsgException"));
+        service.Deliver(client, 1, Frame(s_Category, "second"));
+        EXPECT_THAT(m_Handler.TakeMessages(),
+                    ElementsAre(Message(1, "first"), Message(1, "second")));
+        ASSERT_EQ(service.CountOpen(), 2);
+        service.Deliver(newcomer, 2, Frame(s_Category, "third"));
+        EXPECT_THAT(m_Handler.TakeMessages(), ElementsAre(Message(2, "third")));
+        EXPECT_THAT(log.errors, SizeIs(1));
+    }
 }
 
 TEST_F(Transport, LogsTheTextOfAnyExceptionOfTheFamily)
@@ -845,6 +1030,22 @@ TEST_F(Transport, TellsOfACloseAgainWhenAHandlerThrewAtIt)
     RunClose(1);
     EXPECT_TRUE(m_Service->Get(1).IsFree());
     EXPECT_THAT(m_Handler.closed, ElementsAre(1, 1));
+}
+
+TEST_F(Transport, DispatchesNothingAgainWhenAHandlerThrewAtTheCloseForAShortFrame)
+{
+    const Descriptor client = Connect();
+    m_Handler.onClose = [](int) { throw IpcMsgException(s_HandlersSite); };
+    Deliver(client, 1, Frame(s_Category, "good") + FrameHeader(3, s_Category) + "x");
+    EXPECT_THAT(m_Handler.TakeMessages(), ElementsAre(Message(1, "good")));
+    EXPECT_FALSE(m_Service->Get(1).IsFree());
+    m_Handler.onClose = nullptr;
+    m_Log.Take();
+    Deliver(client, 1, "y");
+    EXPECT_THAT(m_Handler.messages, IsEmpty());
+    EXPECT_THAT(m_Handler.closed, ElementsAre(1, 1));
+    EXPECT_THAT(m_Log.Take(), Contains(LogCall::Error("Frame of 3 bytes on cx 1")));
+    EXPECT_TRUE(m_Service->Get(1).IsFree());
 }
 
 // --- Closing --------------------------------------------------------------------------------
@@ -1192,40 +1393,6 @@ TEST_F(Transport, TakesAPartialSendForASuccess)
     Hook hook(interposed::send, [](int, const void*, std::size_t, int) { return 1; });
     IpcMsgBuf message{};
     EXPECT_TRUE(m_Transport.SendMsg(m_Service->Get(1), 7, message, 100));
-}
-
-/// Bytes as the documentation writes them.
-std::string FromHexadecimal(std::string_view dump)
-{
-    std::string bytes;
-    for (std::size_t i = 0; i + 1 < dump.size(); ++i) {
-        if (std::isxdigit(static_cast<unsigned char>(dump[i])) != 0) {
-            bytes += static_cast<char>(std::stoi(std::string(dump.substr(i, 2)), nullptr, 16));
-            ++i;
-        }
-    }
-    return bytes;
-}
-
-TEST_F(Transport, ExchangesWhatTheDocumentationShows)
-{
-    const std::string hello = FromHexadecimal("0d 00 00 00 | 00 00 | 05 00 | 68 65 6c 6c 6f");
-    const std::string helloBack = FromHexadecimal("0d 00 00 00 | 01 00 | 05 00 | 68 65 6c 6c 6f");
-    const std::string empty = FromHexadecimal("08 00 00 00 | 00 00 | 05 00");
-    const std::string bye = FromHexadecimal("0b 00 00 00 | 00 00 | 05 00 | 62 79 65");
-    const std::string bothBack =
-        FromHexadecimal("08 00 00 00 | 01 00 | 05 00   0b 00 00 00 | 01 00 | 05 00 | 62 79 65");
-    m_Handler.onMessage = [&](IpcMsgBuf& msg, int length) {
-        auto& connection = m_Service->Get(msg.connection);
-        EXPECT_TRUE(m_Transport.SendMsg(connection, msg.category, msg, length));
-    };
-    const Descriptor client = Connect();
-    Deliver(client, 1, hello);
-    EXPECT_EQ(ReadExactly(client.Get(), helloBack.size()), helloBack);
-    Deliver(client, 1, empty);
-    EXPECT_EQ(BytesWaiting(client.Get()), 0U);
-    Deliver(client, 1, bye);
-    EXPECT_EQ(ReadExactly(client.Get(), bothBack.size()), bothBack);
 }
 
 // --- Many clients ---------------------------------------------------------------------------
