@@ -1,8 +1,11 @@
 #include <VelaHost_Ipc/IpcMsgQueueTransport.h>
 
+#include "unix/SocketService.h"
+
 #include "support/Interpose.h"
 #include "support/QueueKey.h"
 #include "support/RawQueue.h"
+#include "support/Sockets.h"
 #include "support/interpose/Interposed.h"
 
 #include <gmock/gmock.h>
@@ -22,6 +25,7 @@ namespace {
 using namespace VelaHost_Ipc;
 using namespace velahost_test;
 
+constexpr int s_Category = 5;
 constexpr int s_ClientPid = 4660;
 
 std::string Document()
@@ -56,6 +60,18 @@ std::string Line(const char* name, const void* record, std::size_t size)
     return line;
 }
 
+/// A frame as the document shows it: length, connection, category, payload.
+std::string FrameLine(const std::string& sender, std::string_view frame)
+{
+    std::string line = sender + ": " + Hexadecimal(frame.substr(0, 4)) + "| " +
+                       Hexadecimal(frame.substr(4, 2)) + "| " + Hexadecimal(frame.substr(6, 2));
+    if (const std::string_view payload = frame.substr(8); !payload.empty()) {
+        line += "| " + Hexadecimal(payload);
+    }
+    line.back() = '\n';
+    return line;
+}
+
 class EchoHandler : public IpcMsgHandler
 {
 public:
@@ -77,7 +93,7 @@ TEST(WireFormatDocument, ShowsTheQueueExchangeAsItTravels)
     IpcMsgQueueTransport transport({key.GetPath(), key.GetId()}, manager, nullptr);
     transport.Init();
     EchoHandler echo(transport.GetQueue());
-    manager.RegisterHandler(&echo, 5);
+    manager.RegisterHandler(&echo, s_Category);
     const IpcMsgQueue client(key.GetPath(), key.GetId(), false);
 
     const char* const names[] = {"ConnectReq", "ConnectRsp",    "data",         "data",
@@ -104,10 +120,41 @@ TEST(WireFormatDocument, ShowsTheQueueExchangeAsItTravels)
         EXPECT_EQ(client.Receive(message, s_ClientPid), 8 + static_cast<int>(payload.size()));
     };
     exchange(0, s_ControlCategory, ControlPayload(1, s_ClientPid, 0));
-    exchange(1, 5, "hello");
+    exchange(1, s_Category, "hello");
     send(0, s_ControlCategory, ControlPayload(6, 0, 0)); // no answer
     exchange(0, s_ControlCategory, ControlPayload(3, 0, 1));
     EXPECT_EQ(count, std::size(names));
+
+    EXPECT_THAT(Document(), ::testing::HasSubstr(dump + "```\n"));
+}
+
+TEST(WireFormatDocument, ShowsTheStreamExchangeAsItTravels)
+{
+    SocketService service(nullptr, nullptr);
+    RecordingHandler echo;
+    echo.onMessage = [&](IpcMsgBuf& msg, int length) {
+        auto& connection = service.Get(msg.connection);
+        EXPECT_TRUE(service.transport.SendMsg(connection, msg.category, msg, length));
+    };
+    service.manager.RegisterHandler(&echo, s_Category);
+    const Descriptor client = service.Connect();
+
+    std::string dump = "```\n";
+    Hook watch(interposed::send,
+               [&](int, const void* frame, std::size_t size, int) -> std::optional<ssize_t> {
+                   dump += FrameLine("server", {static_cast<const char*>(frame), size});
+                   return std::nullopt;
+               });
+    for (const std::string payload : {"hello", "", "bye"}) {
+        IpcMsgBuf message{};
+        message.mtype = s_MsgHeaderSize + static_cast<std::int32_t>(payload.size());
+        message.category = s_Category;
+        std::memcpy(message.data, payload.data(), payload.size());
+        const std::string_view frame(reinterpret_cast<const char*>(&message),
+                                     s_MsgHeaderSize + payload.size());
+        dump += FrameLine("client", frame);
+        service.Deliver(client, 1, frame);
+    }
 
     EXPECT_THAT(Document(), ::testing::HasSubstr(dump + "```\n"));
 }
