@@ -1,3 +1,4 @@
+#include "support/BlockedThread.h"
 #include "support/ChildProcess.h"
 #include "support/InstallDirectory.h"
 #include "support/Owner.h"
@@ -83,8 +84,7 @@ std::vector<std::string> Unrelated()
 constexpr const char* s_Hidden = " may not be looked into: ";
 
 /// Calls `look` again while somebody is hidden: a process that is just starting or ending, and that
-/// `Unrelated` can't have named yet, is so for a moment. (So is who waits, in a container, for a
-/// queue that has the same id there.)
+/// `Unrelated` can't have named yet, is so for a moment.
 template <typename Look, typename IsHidden>
 auto UntilNobodyIsHidden(const Look& look, const IsHidden& isHidden)
 {
@@ -153,6 +153,29 @@ public:
 
 private:
     QueueKey m_Key;
+};
+
+/// System V objects of the test's own, whose ids begin at 0 again, while this lives.
+class OwnIpcObjects
+{
+public:
+    OwnIpcObjects()
+        : m_Former(open("/proc/self/ns/ipc", O_RDONLY | O_CLOEXEC)),
+          m_AreOwn(unshare(CLONE_NEWIPC) == 0)
+    {}
+    OwnIpcObjects(const OwnIpcObjects&) = delete;
+    OwnIpcObjects& operator=(const OwnIpcObjects&) = delete;
+    ~OwnIpcObjects()
+    {
+        setns(m_Former, CLONE_NEWIPC);
+        close(m_Former);
+    }
+
+    bool AreOwn() const { return m_AreOwn; }
+
+private:
+    int m_Former;
+    bool m_AreOwn;
 };
 
 /// The queue of a server that has not received anything. It takes a moment until the server waits:
@@ -293,6 +316,27 @@ TEST(IpcToolQueue, StaysWhenSomeProcessMayNotBeLookedInto)
     EXPECT_THAT(result.errors, HasSubstr(s_Hidden));
     EXPECT_EQ(result.status, 1);
     EXPECT_NE(queue.GetId(), -1);
+}
+
+TEST(IpcToolQueue, IsAbandonedThoughSomebodyWaitsForOneOfTheSameIdInAnotherNamespace)
+{
+    const OwnIpcObjects ours;
+    if (!ours.AreOwn()) {
+        GTEST_SKIP() << "no System V objects of its own for this user";
+    }
+    const AbandonedQueue queue;
+    BlockedThread stranger([id = queue.GetId()] {
+        const OwnIpcObjects theirs;
+        const RawQueue other(msgget(IPC_PRIVATE, IPC_CREAT | 0600));
+        if (other.GetId() == id) {
+            other.Receive(1);
+        }
+    });
+    stranger.WaitUntilReceiving();
+    const json shown = ShowToRoot(queue.GetHandle());
+    EXPECT_EQ(shown["state"], "abandoned");
+    EXPECT_THAT(shown["users"], IsEmpty());
+    stranger.Cancel();
 }
 
 constexpr const char* s_Name = "mutex";
@@ -478,29 +522,6 @@ TEST(IpcToolMemory, IsUsedByAProcessThatHasItOpen)
     EXPECT_EQ(Clean(handle, s_AtOnce).status, 1);
     EXPECT_TRUE(std::filesystem::exists(path));
 }
-
-/// System V objects of the test's own, whose ids begin at 0 again, while this lives.
-class OwnIpcObjects
-{
-public:
-    OwnIpcObjects()
-        : m_Former(open("/proc/self/ns/ipc", O_RDONLY | O_CLOEXEC)),
-          m_AreOwn(unshare(CLONE_NEWIPC) == 0)
-    {}
-    OwnIpcObjects(const OwnIpcObjects&) = delete;
-    OwnIpcObjects& operator=(const OwnIpcObjects&) = delete;
-    ~OwnIpcObjects()
-    {
-        setns(m_Former, CLONE_NEWIPC);
-        close(m_Former);
-    }
-
-    bool AreOwn() const { return m_AreOwn; }
-
-private:
-    int m_Former;
-    bool m_AreOwn;
-};
 
 TEST(IpcToolClean, WithoutHandlesRemovesWhatIsAbandonedAndNothingElse)
 {

@@ -3,7 +3,6 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -171,9 +170,21 @@ constexpr std::array s_WaitingCalls{
     WaitingCall{s_Multiplexer32, 4, 1, &Process::awaitedSemaphores},    // semtimedop
 };
 
+/// Whether a thread means the objects that we see by its ids: in a container the same ids stand for
+/// others. Who doesn't let us know is taken to.
+bool SeesTheSameObjects(const fs::path& thread)
+{
+    std::error_code error;
+    const bool same = fs::equivalent(thread / "ns/ipc", "/proc/self/ns/ipc", error);
+    return same || error;
+}
+
 void ReadWaits(const fs::path& directory, Process& process)
 {
     for (const fs::path& thread : List(directory / "task", process)) {
+        if (!SeesTheSameObjects(thread)) {
+            continue;
+        }
         // "NUMBER ARGUMENT...", the arguments in hexadecimal; "running" for a thread that is.
         std::istringstream text;
         try {

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <ctime>
 #include <system_error>
-#include <unistd.h>
 
 namespace {
 
