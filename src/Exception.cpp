@@ -18,17 +18,29 @@ constexpr unsigned int s_NotImplementedCode = 0x2006;
 constexpr unsigned int s_FeatureNotSupportedCode = 0x2007;
 constexpr unsigned int s_BadStateCode = 0x2008;
 
-std::string ExpandDetail(const char* format, std::va_list arguments)
+/// An expanded format. It is made without an exception, which would go past the caller's `va_end`.
+class Detail
 {
-    constexpr std::size_t bufferSize = 200;
-    char detail[bufferSize] = "";
-    // An expansion that fails half-way, for example at a character that can't be converted, still
-    // shows what came before.
-    if (std::vsnprintf(detail, bufferSize, format, arguments) < 0 && errno == ENOMEM) {
-        throw std::bad_alloc();
+public:
+    Detail(const char* format, std::va_list arguments) noexcept
+        : m_RanOutOfMemory(std::vsnprintf(m_Text, sizeof m_Text, format, arguments) < 0 &&
+                           errno == ENOMEM)
+    {}
+
+    /// An expansion that failed half-way for another reason, for example at a character that can't
+    /// be converted, shows what came before.
+    std::string GetText() const
+    {
+        if (m_RanOutOfMemory) {
+            throw std::bad_alloc();
+        }
+        return m_Text;
     }
-    return detail;
-}
+
+private:
+    char m_Text[200] = "";
+    bool m_RanOutOfMemory;
+};
 
 } // namespace
 
@@ -44,9 +56,9 @@ BadParmException::BadParmException(const Context& context, unsigned int index, c
 {
     std::va_list arguments;
     va_start(arguments, format);
-    const std::string detail = ExpandDetail(format, arguments);
+    const Detail detail(format, arguments);
     va_end(arguments);
-    SetText("BadParmException(Index=" + std::to_string(index) + "," + detail + ")");
+    SetText("BadParmException(Index=" + std::to_string(index) + "," + detail.GetText() + ")");
     LogMe();
 }
 
@@ -75,9 +87,9 @@ BadStateException::BadStateException(const Context& context, const char* format,
 {
     std::va_list arguments;
     va_start(arguments, format);
-    const std::string detail = ExpandDetail(format, arguments);
+    const Detail detail(format, arguments);
     va_end(arguments);
-    SetText("BadStateException(" + detail + ")");
+    SetText("BadStateException(" + detail.GetText() + ")");
     LogMe();
 }
 
