@@ -34,16 +34,21 @@ public:
         : m_In(in), m_Loaded(loaded), m_Rules(rules)
     {}
 
+    PropertyLineReader(const PropertyLineReader&) = delete;
+    PropertyLineReader& operator=(const PropertyLineReader&) = delete;
+
     /// Goes on to the next line that is neither blank nor a comment; false at the end of the input.
     /// Takes no more from the input than the lines that it has read.
     bool NextLine();
 
-    /// The current line without its newline; gone with the next one. It holds no NUL.
+    /// The current line without its newline; gone with the next one and with
+    /// `AddPropertyTo`. It holds no NUL.
     std::string_view GetLine() const { return {m_Line, m_Length}; }
     /// The position of its first character that is not blank.
     std::size_t GetStart() const { return m_Start; }
 
-    /// Adds the property that the current line defines to `table`; cuts the line into pieces.
+    /// Adds the property that the current line defines to `table`; cuts the line into pieces,
+    /// in place.
     void AddPropertyTo(Properties& table);
 
     /// Rejects the current line.
