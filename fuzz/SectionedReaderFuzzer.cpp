@@ -41,7 +41,7 @@ std::string WriteStartTag(Input& input, FileWriter& writer, ReferenceStore& expe
             section.arguments.push_back(word);
         }
     }
-    // Only what has neither arguments nor a type to mistake for an end may do without.
+    // Only a tag with a type and without arguments may do without its `>`: a bare `<` is refused.
     const bool isClosed = (layout & 3U) != 0 || type.empty() || (layout & 8U) != 0;
     if (isClosed) {
         tag += ">" + writer.Characters(7, "\n\0"sv);
@@ -92,7 +92,8 @@ void RoundTrip(Input& input)
             RequireHolds(*read, section.properties, writer.GetFile());
             int argument = 0;
             for (const std::string& word : section.arguments) {
-                Require(word == read->GetArg(argument++), "arguments are read as written");
+                const char* const kept = read->GetArg(argument++);
+                Require(kept != nullptr && word == kept, "arguments are read as written");
             }
             Require(read->GetArg(argument) == nullptr, "no argument is read twice");
         }

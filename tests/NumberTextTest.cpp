@@ -24,6 +24,7 @@ std::ostream& operator<<(std::ostream& out, NumberRange range)
 namespace {
 
 using namespace VelaHost_Utility;
+using namespace std::string_literals;
 using velahost_test::IsOnValgrind;
 
 /// What `ReadNumber` promises to equal.
@@ -89,7 +90,7 @@ private:
 
 TEST(ReadNumber, EqualsStreamExtractionForAllShortTexts)
 {
-    const std::string alphabet("\0 \t\n\v\f\r+-01789afgxX,.#\xa0", 24);
+    const std::string alphabet = "\0 \t\n\v\f\r+-01789afgxX,.#\xa0"s;
     Comparison comparison;
     const std::size_t longest = IsOnValgrind() ? 2 : 4;
     std::vector<std::size_t> letters(longest);

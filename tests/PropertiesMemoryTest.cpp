@@ -121,8 +121,10 @@ TEST(OutOfMemory, EndsALoadOfSections)
 
 TEST(OutOfMemory, EndsALoadOfProperties)
 {
-    const std::string text =
-        "A = 1\nT = \"" + std::string(s_LongText) + "\"\n#" + std::string(5000, 'x') + "\nB = 2\n";
+    // The first line that is read in pieces: for its end, too, memory is needed.
+    const std::string longerText(600, 'x');
+    const std::string text = "A = 1\nT = \"" + std::string(s_LongText) + "\"\nL = \"" + longerText +
+                             "\"\n#" + std::string(5000, 'x') + "\nB = 2\n";
     std::optional<std::istringstream> in;
     FailEveryAllocation<Properties>(
         [&] {
@@ -133,6 +135,8 @@ TEST(OutOfMemory, EndsALoadOfProperties)
         [&](Properties& store, Outcome outcome) {
             in.reset();
             ExpectWhole(store, 1);
+            EXPECT_EQ(GetStringPropertyValue(store, "L", longerText), longerText);
+            EXPECT_TRUE(outcome != Outcome::Completed || store.GetStringProperty("L") != nullptr);
             EXPECT_EQ(store.GetUIntProperty("B") != nullptr, outcome == Outcome::Completed);
             ExpectUsable(store);
         });

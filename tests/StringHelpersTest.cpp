@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <clocale>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -11,7 +12,8 @@ namespace {
 
 using namespace VelaHost_Utility;
 
-bool s_Latin1 = false;
+/// The locale of Latin-1; null when there is none.
+locale_t s_Latin1 = nullptr;
 
 std::string Chopped(std::string text)
 {
@@ -125,6 +127,12 @@ TEST(Strcpycnt, CopiesAllWhateverLargerSizeIsGiven)
     }
 }
 
+std::string Raised(std::string text)
+{
+    strupr(text.data());
+    return text;
+}
+
 TEST(Strupr, GivesNullForNull)
 {
     EXPECT_EQ(strupr(nullptr), nullptr);
@@ -146,26 +154,37 @@ TEST(Strupr, LeavesHighBytesInThePlainLocale)
     for (int byte = 0x80; byte <= 0xff; ++byte) {
         text.push_back(static_cast<char>(byte));
     }
-    std::string raised = text;
-    strupr(raised.data());
-    EXPECT_EQ(raised, text);
+    EXPECT_EQ(Raised(text), text);
 }
 
-TEST(Strupr, FollowsTheProcessLocale)
+TEST(Strupr, FollowsTheCurrentLocale)
 {
-    s_Latin1 = true;
-    char text[] = "x\xe4\xf6\xfc\xff";
-    strupr(text);
-    s_Latin1 = false;
-    EXPECT_STREQ(text, "X\xc4\xd6\xdc\xff");
+    const std::string text = "x\xe4\xf6\xfc\xff";
+    const std::string plain = "X\xe4\xf6\xfc\xff";
+    const std::string latin1 = "X\xc4\xd6\xdc\xff";
+
+    s_Latin1 = LC_GLOBAL_LOCALE;
+    EXPECT_EQ(Raised(text), latin1);
+    const locale_t ofThread = newlocale(LC_CTYPE_MASK, "C", nullptr);
+    uselocale(ofThread);
+    EXPECT_EQ(Raised(text), plain);
+    s_Latin1 = ofThread;
+    EXPECT_EQ(Raised(text), latin1);
+    uselocale(LC_GLOBAL_LOCALE);
+    EXPECT_EQ(Raised(text), plain);
+
+    s_Latin1 = nullptr;
+    freelocale(ofThread);
 }
 
 } // namespace
 
-/// Stands in for the C library's, as in the plain locale or in one of Latin-1, which few machines
-/// have installed. Letters of 0x80 and above are known by their signed number only.
+/// Stands in for the C library's, as in the plain locale or, where `s_Latin1` is the calling
+/// thread's, in one of Latin-1, which few machines have installed. Letters of 0x80 and above are
+/// known by their signed number only.
 extern "C" int toupper(int c) noexcept
 {
-    const bool lower = (c >= 'a' && c <= 'z') || (s_Latin1 && c >= -0x20 && c <= -2 && c != -9);
+    const bool isLatin1 = s_Latin1 != nullptr && s_Latin1 == uselocale(nullptr);
+    const bool lower = (c >= 'a' && c <= 'z') || (isLatin1 && c >= -0x20 && c <= -2 && c != -9);
     return lower ? c - 0x20 : c;
 }

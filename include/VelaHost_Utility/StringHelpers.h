@@ -22,8 +22,8 @@ VELAHOST_EXPORT char* strmaxcpy(char* dst, const char* src, unsigned int max);
 /// Copies as `strmaxcpy` does. Returns -1 when `max` is 0, else 0.
 VELAHOST_EXPORT int strcpycnt(char* dst, const char* src, unsigned int max);
 
-/// Raises the letters of `s` in place, by the process's current locale, and returns `s`. Null gives
-/// null.
+/// Raises the letters of `s` in place, by the calling thread's current locale (the process's unless
+/// `uselocale` has set another), and returns `s`. Null gives null.
 VELAHOST_EXPORT char* strupr(char* s);
 
 /// @}

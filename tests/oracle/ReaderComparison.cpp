@@ -1,5 +1,6 @@
 #include "oracle/ReaderComparison.h"
 
+#include "../../src/PropertiesContents.h"
 #include "support/interpose/Interposed.h"
 
 #include <VelaHost_Utility/Properties.h>
@@ -8,7 +9,6 @@
 #include <array>
 #include <cstdio>
 #include <optional>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <type_traits>
@@ -17,6 +17,7 @@ namespace velahost_test {
 namespace {
 
 using VelaHost_Utility::Properties;
+using VelaHost_Utility::PropertiesContents;
 using VelaHost_Utility::PropertiesEx;
 using VelaHost_Utility::PropertiesException;
 using VelaHost_Utility::PropertiesSection;
@@ -74,40 +75,8 @@ ReferenceValue ValueOf(Properties& store, const char* name, Property* property)
     return std::string("(lookups by type that contradict each other)");
 }
 
-/// Every text of the files that a reader could take for a name: a store can only be asked for
-/// names, not for its entries.
-std::set<std::string> PossibleNames(const std::vector<std::string>& files)
-{
-    std::set<std::string> names{""};
-    for (const std::string& file : files) {
-        std::istringstream lines(file);
-        for (std::string line; std::getline(lines, line);) {
-            const std::size_t equals = line.find('=');
-            if (equals != std::string::npos) {
-                names.insert(line.substr(0, equals));
-                names.insert(ReferenceTrimmed(line.substr(0, equals)));
-            }
-        }
-    }
-    return names;
-}
-
-/// The same for section types.
-std::set<std::string> PossibleTypes(const std::vector<std::string>& files)
-{
-    std::set<std::string> types{""};
-    for (const std::string& file : files) {
-        for (std::size_t open = file.find('<'); open != std::string::npos;
-             open = file.find('<', open + 1)) {
-            const std::size_t end = file.find_first_of(" \t>\n", open);
-            types.insert(file.substr(open + 1, end == std::string::npos ? end : end - open - 1));
-        }
-    }
-    return types;
-}
-
 std::string CompareTable(const std::string& where, Properties& library,
-                         const ReferenceTable& reference, const std::set<std::string>& names)
+                         const ReferenceTable& reference)
 {
     for (const auto& [name, value] : reference) {
         Property* property = library.GetProperty(name.c_str(), Property::AnyType);
@@ -121,9 +90,8 @@ std::string CompareTable(const std::string& where, Properties& library,
             return difference;
         }
     }
-    for (const std::string& name : names) {
-        if (reference.count(name.c_str()) == 0 &&
-            library.GetProperty(name.c_str(), Property::AnyType) != nullptr) {
+    for (const auto& [name, property] : PropertiesContents::GetProperties(library)) {
+        if (!reference.contains(name)) {
             return where + "property " + Escaped(name) + ": only the library has it";
         }
     }
@@ -131,17 +99,25 @@ std::string CompareTable(const std::string& where, Properties& library,
 }
 
 std::string CompareSection(const std::string& where, PropertiesSection& library,
-                           const ReferenceSection& reference, const std::set<std::string>& names)
+                           const ReferenceSection& reference)
 {
+    const std::size_t held = PropertiesContents::GetArguments(library).size();
+    if (held != reference.arguments.size()) {
+        return where + "the library has " + std::to_string(held) +
+               " arguments, the reference reader " + std::to_string(reference.arguments.size());
+    }
+    if (!PropertiesContents::GetSections(library).empty()) {
+        return where + "the library has sections within it";
+    }
     for (std::size_t i = 0; i <= reference.arguments.size(); ++i) {
         const char* argument = library.GetArg(static_cast<int>(i));
         const std::string what = where + "argument " + std::to_string(i);
         if (i == reference.arguments.size()) {
             if (argument != nullptr) {
-                return what + ": only the library has it: " + Escaped(argument);
+                return what + ": looked up behind the last, it is " + Escaped(argument);
             }
         } else if (argument == nullptr) {
-            return what + ": only the reference reader has it: " + Escaped(reference.arguments[i]);
+            return what + ": not found, although the library has it";
         } else if (argument != reference.arguments[i]) {
             return Difference(what, std::string(argument), reference.arguments[i]);
         }
@@ -149,29 +125,28 @@ std::string CompareSection(const std::string& where, PropertiesSection& library,
     std::string difference =
         Difference(where + "last error", library.GetLastError(), reference.lastError);
     if (difference.empty()) {
-        difference = CompareTable(where, library, reference.properties, names);
+        difference = CompareTable(where, library, reference.properties);
     }
     return difference;
 }
 
-std::string CompareSections(PropertiesEx& library, const ReferenceStore& reference,
-                            const std::set<std::string>& names, std::set<std::string> types)
+std::string CompareSections(PropertiesEx& library, const ReferenceStore& reference)
 {
-    for (const auto& [type, sections] : reference.sections) {
-        types.insert(type);
+    for (const auto& [type, sections] : PropertiesContents::GetSections(library)) {
+        if (!reference.sections.contains(type)) {
+            return "sections " + Escaped(type) + ": only the library has the type";
+        }
     }
-    for (const std::string& type : types) {
-        const auto found = reference.sections.find(type.c_str());
-        const std::size_t count = found == reference.sections.end() ? 0 : found->second.size();
-        for (std::size_t i = 0; i <= count; ++i) {
+    for (const auto& [type, sections] : reference.sections) {
+        for (std::size_t i = 0; i <= sections.size(); ++i) {
             PropertiesSection* section = library.GetSection(type.c_str(), static_cast<int>(i));
             const std::string where =
                 "section " + Escaped(type) + " number " + std::to_string(i) + ", ";
-            if ((section == nullptr) != (i == count)) {
+            if ((section == nullptr) != (i == sections.size())) {
                 return where + "only one reader has it";
             }
             if (section != nullptr) {
-                std::string difference = CompareSection(where, *section, found->second[i], names);
+                std::string difference = CompareSection(where, *section, sections[i]);
                 if (!difference.empty()) {
                     return difference;
                 }
@@ -272,12 +247,10 @@ std::string ReaderComparison::Compare(const ReaderCase& readerCase)
         }
     }
 
-    const std::set<std::string> names = PossibleNames(readerCase.files);
-    std::string difference = CompareTable("", library, reference.properties, names);
+    std::string difference = CompareTable("", library, reference.properties);
     if constexpr (isSectioned) {
         if (difference.empty()) {
-            difference =
-                CompareSections(library, reference, names, PossibleTypes(readerCase.files));
+            difference = CompareSections(library, reference);
         }
     }
     return difference;
