@@ -53,10 +53,10 @@ public:
     /// millisecond fire in the order in which they were made. The caller holds the lock, and the
     /// handler lives until it is fired or the request is killed. A null handler expires unnoticed.
     ///
-    /// Throws `SystemException`, code 0x2002, when the thread has yet to be started and can't be,
-    /// and `std::bad_alloc`; nothing is queued then, and the next call starts afresh. `SIGUSR1` may
-    /// stay blocked in the calling thread after a `SystemException`; after a success the signal
-    /// mask is as before.
+    /// Throws `SystemException`, code 0x2002, when a step of starting the thread fails, and
+    /// `std::bad_alloc`; nothing is queued then, and the next call goes on: it starts the thread
+    /// unless that already runs. `SIGUSR1` may stay blocked in the calling thread after a
+    /// `SystemException`; after a success the signal mask is as before.
     virtual Request* MakeRequest(ReqHandler* handler, unsigned int milliseconds) = 0;
 
     /// Removes and frees `request` before it is fired; the caller holds the lock. Null and what is

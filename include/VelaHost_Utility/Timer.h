@@ -27,8 +27,8 @@ public:
 /// for none that has: the handler may still be running, or be about to, when `Stop` or the
 /// destructor returns on another thread. Who must know holds the handler by other means.
 ///
-/// Every operation but the plain readers throws `SystemException`, code 0x2002, when the lock
-/// can't be taken or released.
+/// Every operation but the constructor, `GetInterval` and `IsPeriodic` throws `SystemException`,
+/// code 0x2002, when the lock can't be made, taken or released.
 class VELAHOST_EXPORT Timer : private VelaHost_OS::TimerService::ReqHandler, public virtual RefCount
 {
 public:
