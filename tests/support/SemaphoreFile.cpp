@@ -4,12 +4,25 @@
 #include "interpose/Interposed.h"
 
 #include <chrono>
+#include <optional>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <thread>
 #include <utility>
 
 namespace velahost_test {
+
+namespace {
+
+std::optional<semid_ds> ReadState(int semaphore)
+{
+    semid_ds state{};
+    SemaphoreArgument argument{};
+    argument.state = &state;
+    return semctl(semaphore, 0, IPC_STAT, argument) == -1 ? std::nullopt : std::optional(state);
+}
+
+} // namespace
 
 SemaphoreFile::SemaphoreFile(std::string path) : m_Path(std::move(path))
 {
@@ -35,13 +48,14 @@ int SemaphoreFile::GetValue() const
 
 int SemaphoreFile::GetMode() const
 {
-    semid_ds state{};
-    SemaphoreArgument argument{};
-    argument.state = &state;
-    if (semctl(FindSemaphore(), 0, IPC_STAT, argument) == -1) {
-        return -1;
-    }
-    return static_cast<int>(state.sem_perm.mode & 0777U);
+    const std::optional<semid_ds> state = ReadState(FindSemaphore());
+    return state ? static_cast<int>(state->sem_perm.mode & 0777U) : -1;
+}
+
+int SemaphoreFile::GetElementCount() const
+{
+    const std::optional<semid_ds> state = ReadState(FindSemaphore());
+    return state ? static_cast<int>(state->sem_nsems) : -1;
 }
 
 bool SemaphoreFile::WaitForWaiters(int count) const

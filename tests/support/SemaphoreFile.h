@@ -22,6 +22,8 @@ public:
     int GetValue() const;
     /// Its permissions; -1 when there is no semaphore.
     int GetMode() const;
+    /// How many semaphores its set has; -1 when there is no semaphore.
+    int GetElementCount() const;
     /// Returns when that many threads wait for it; false when that takes too long.
     bool WaitForWaiters(int count) const;
 

@@ -326,6 +326,7 @@ TEST_F(ProcessMutexInit, CreatesTheMutexFreeAndMarksItReady)
     EXPECT_EQ(mutex.Init(), 0);
     EXPECT_TRUE(mutex.IsCreator());
     EXPECT_EQ(ReadFile(m_Place.File()), "\x01");
+    EXPECT_EQ(m_Place.semaphore.GetElementCount(), 1);
     EXPECT_EQ(m_Place.semaphore.GetValue(), 1);
 }
 
