@@ -27,9 +27,9 @@ namespace VelaHost_OS {
 /// initialisers, and releasing it its finalisers. Where it stays loaded for another reason, the
 /// text is read after the release.
 ///
-/// Reports nothing but that false; only the text's allocation may throw `std::bad_alloc`. May be
-/// called from any thread, as long as none unloads a library that publishes the variable to the
-/// whole process.
+/// Reports nothing but that false; only lack of memory throws, `std::bad_alloc`, and `version` is
+/// untouched then. May be called from any thread, as long as none unloads a library that publishes
+/// the variable to the whole process.
 VELAHOST_EXPORT bool GetLibraryVersion(const char* name, std::string& version);
 
 } // namespace VelaHost_OS

@@ -13,7 +13,7 @@ static const std::string s_CompName("OS");
 
 namespace {
 
-// Makes the library export what is inline, for callers that are compiled without inlining.
+// Keeps the exported symbols of what is inline, for programs built when it was not.
 [[gnu::used]] void (ThreadMutex::*const s_ExportedInlines[])() = {&ThreadMutex::Lock,
                                                                   &ThreadMutex::Unlock};
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// Internal: part of the library's own headers; applications only instantiate the template.
+// Reached through the headers of the transports: the name of this file is no promise.
 
 #include <VelaHost_Ipc/IpcLogAdapter.h>
 #include <VelaHost_Ipc/IpcMsgBuf.h>

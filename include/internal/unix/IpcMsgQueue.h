@@ -1,6 +1,6 @@
 #pragma once
 
-// Internal: part of the library's own headers, not of its interface.
+// Reached through <VelaHost_Ipc/IpcMsgQueueTransport.h>: the name of this file is no promise.
 
 #include <VelaHost_Ipc/IpcMsgBuf.h>
 #include <VelaHost_Ipc/IpcMsgException.h>

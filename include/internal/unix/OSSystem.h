@@ -11,7 +11,7 @@ namespace VelaHost_OS {
 /// Error code of every failed system call.
 inline constexpr unsigned int s_SystemCallFailed = 0x2002;
 
-/// The one throw site that the operating-system layer's failures carry.
+/// The throw site of the operating-system layer's failures, but for those of `ProcessMutex`.
 inline constexpr auto s_OSSystemSite =
     VelaHost_Utility::ThrowSite("include/internal/unix/OSSystem", 68);
 
