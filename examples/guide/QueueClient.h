@@ -2,6 +2,7 @@
 
 #include <VelaHost_Ipc/IpcMsgQueueTransport.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <unistd.h>
@@ -29,11 +30,11 @@ public:
         message.mtype = VelaHost_Ipc::s_ServerMsgType;
         message.connection = static_cast<std::uint16_t>(m_Connection);
         message.category = static_cast<std::uint16_t>(category);
-        std::memcpy(message.data, payload.data(), payload.size());
+        payload.copy(reinterpret_cast<char*>(message.data), sizeof message.data);
         m_Queue.Send(message, static_cast<int>(payload.size()));
         const int count = m_Queue.Receive(message, getpid()); // answers bear our process id
-        const auto length = static_cast<std::size_t>(count - VelaHost_Ipc::s_MsgHeaderSize);
-        return {reinterpret_cast<const char*>(message.data), length};
+        const int length = std::max(count - VelaHost_Ipc::s_MsgHeaderSize, 0);
+        return {reinterpret_cast<const char*>(message.data), static_cast<std::size_t>(length)};
     }
 
 private:
@@ -46,7 +47,8 @@ private:
         IpcConnectionData data{getpid(), m_Connection};
         std::string payload(reinterpret_cast<const char*>(&code), sizeof code);
         payload.append(reinterpret_cast<const char*>(&data), sizeof data);
-        const std::string answer = Ask(VelaHost_Ipc::s_ControlCategory, payload);
+        std::string answer = Ask(VelaHost_Ipc::s_ControlCategory, payload);
+        answer.resize(payload.size()); // whoever may write to the queue can send less
         std::memcpy(&data, answer.data() + sizeof code, sizeof data);
         return data;
     }

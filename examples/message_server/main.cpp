@@ -78,7 +78,8 @@ public:
         try {
             GetTransport().GetQueue().Send(nothing, s_ControlPayload);
         } catch (const IpcMsgException&) {
-            // A full queue has messages that end the pass.
+            // Full, perhaps of answers that nobody takes: without its queue the pass ends, too.
+            RemoveQueue();
         }
     }
 
