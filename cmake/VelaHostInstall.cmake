@@ -37,8 +37,9 @@ configure_file(cmake/velahost.pc.in "${generated}/velahost.pc" @ONLY)
 install(FILES "${generated}/velahost.pc"
     DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT dev)
 
-install(FILES README.md CHANGELOG.md DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT doc)
-install(DIRECTORY docs examples DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT doc
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md
+    DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT doc)
+install(DIRECTORY abi docs examples DESTINATION "${CMAKE_INSTALL_DOCDIR}" COMPONENT doc
     PATTERN CMakeLists.txt EXCLUDE
     PATTERN Doxyfile EXCLUDE
     PATTERN figures EXCLUDE
