@@ -12,9 +12,20 @@ as_root() {
 # install_packages PACKAGE...: installs what it can. One package index that can't be fetched (a
 # foreign architecture's, say) doesn't stop the rest.
 install_packages() {
-    as_root apt-get update -q >/dev/null 2>&1
+    as_root apt-get update -q >/dev/null 2>&1 || true
     as_root env DEBIAN_FRONTEND=noninteractive \
         apt-get install -y -q --no-install-recommends "$@" >/dev/null 2>&1
+}
+
+# prepare_command COMMAND PACKAGE...: installs the packages when the command is missing; false when that
+# doesn't bring it.
+prepare_command() {
+    command -v "$1" >/dev/null && return
+    say "Installing: ${*:2}"
+    install_packages "${@:2}" || true
+    command -v "$1" >/dev/null && return
+    say "$1 is missing and can't be installed"
+    return 1
 }
 
 # builds_with COMPILER FLAG...: true when a C++ program can be compiled and linked that way.
