@@ -9,9 +9,7 @@
 #include <benchmark/benchmark.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <string>
 #include <sys/ipc.h>
 #include <sys/sem.h>

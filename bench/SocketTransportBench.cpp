@@ -29,7 +29,6 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <limits>
 #include <memory>
 #include <netinet/in.h>
 #include <netinet/tcp.h>

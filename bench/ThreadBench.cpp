@@ -12,11 +12,11 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <fcntl.h>
 #include <mutex>
 #include <pthread.h>
 #include <string>
+#include <string_view>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>

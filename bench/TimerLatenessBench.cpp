@@ -30,7 +30,6 @@
 #include <deque>
 #include <semaphore>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {

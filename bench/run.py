@@ -92,7 +92,7 @@ def main():
     parser.add_argument("--rivals", type=pathlib.Path, required=True, help="where scripts/rivals put them")
     parser.add_argument("--out", type=pathlib.Path, required=True, help="the JSON file")
     parser.add_argument("--rounds", type=int, default=7)
-    parser.add_argument("--only", help="a regular expression that benchmarks' names must match")
+    parser.add_argument("--only", default="", help="a regular expression that benchmarks' names must match")
     arguments = parser.parse_args()
 
     programs = sorted((arguments.build / "bench").glob("*Bench"))
@@ -109,7 +109,7 @@ def main():
         for program in programs[turn:] + programs[:turn]:
             keep(run_program(program, arguments.only))
         print(f"round {number + 1} of {arguments.rounds} done", flush=True)
-    if not arguments.only or "footprint".startswith(arguments.only):
+    if re.search(arguments.only, "footprint/"):
         keep(run_footprint(arguments.build, arguments.rivals))
 
     report = {

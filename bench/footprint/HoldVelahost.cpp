@@ -3,9 +3,7 @@
 #include <VelaHost_Ipc/IpcSocketTransport.h>
 #include <VelaHost_Utility/Timer.h>
 
-#include <memory>
 #include <netinet/in.h>
-#include <vector>
 
 namespace {
 

@@ -6,7 +6,6 @@
 #include <VelaHost_Ipc/IpcSocketTransport.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>

@@ -3,9 +3,7 @@
 #include "support/Processors.h"
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
-#include <sys/types.h>
 
 namespace bench {
 
