@@ -9,9 +9,9 @@ namespace VelaHost_OS {
 ///
 /// `JoinThread`, `CancelThread` and `SignalThread` return 0 when done. When the platform refuses
 /// they return the calling thread's `errno`, which the platform's thread calls do not set: it tells
-/// of an earlier failure, or is 0. Only the id 0, which no thread has, is refused without asking the
-/// platform: the result and `errno` are ESRCH. Any other id must be that of a thread that has not
-/// been joined.
+/// of an earlier failure, or is 0. Only the id 0, which no thread has, is refused without asking
+/// the platform: the result and `errno` are ESRCH. Any other id must be that of a thread that has
+/// not been joined.
 /// @{
 
 /// Starts a thread that runs `entry(argument)` and returns 0. The thread is joinable and has the
