@@ -26,6 +26,7 @@ using VelaHost_Utility::TimerException;
 
 constexpr std::int64_t s_SomeSeconds = 1'000'000'000;
 constexpr unsigned int s_Interval = 250;
+constexpr std::int64_t s_LongAfterScenes = 10'000; // milliseconds
 
 const Failure s_Misuse{0x2004, "TimerException(Sys=0x0)", "Timer", 90};
 
@@ -196,7 +197,9 @@ struct Service
         }
         locker.Unlock();
         s_RequestCount = 1;
-        thread.WaitUntilAsleep();
+        // A request that a former scene has left would be the next one in all of this one's time.
+        thread.WakeAfter(s_LongAfterScenes);
+        thread.WakeAfter(-s_LongAfterScenes);
     }
     ~Service() { ReleaseIfHeld(PlatformMutex(service)); }
 
