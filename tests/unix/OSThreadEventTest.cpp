@@ -270,6 +270,14 @@ private:
     std::atomic<int> m_Arrived{0};
 };
 
+/// A few nanoseconds for each step.
+void Delay(int steps)
+{
+    for (std::atomic<int> step{0}; step.load(std::memory_order_relaxed) < steps;) {
+        step.store(step.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+}
+
 TEST(ThreadEventReset, IsDoneBeforeTheCallerLooksForWork)
 {
     // Who resets, finds no work and waits must be woken by who then brings some: the reset must not
@@ -278,15 +286,18 @@ TEST(ThreadEventReset, IsDoneBeforeTheCallerLooksForWork)
     const auto timeIsUp = [end = std::chrono::steady_clock::now() + std::chrono::seconds(1)] {
         return std::chrono::steady_clock::now() > end;
     };
-    constexpr int enough = 50'000;
+    constexpr int enough = 200'000;
     ThreadEvent event;
-    std::atomic<bool> hasWork{false};
+    alignas(64) std::atomic<bool> hasWork{false};
     std::atomic<bool> isLast{false};
     StartLine begin;
     StartLine end;
     std::thread producer([&] {
         for (int round = 1; !isLast; ++round) {
+            // Whose processor has the event at hand makes the other one's store to it take long.
+            event.Set();
             begin.Await(round);
+            Delay(round % 61);
             hasWork = true;
             event.Set();
             end.Await(round);
@@ -295,8 +306,8 @@ TEST(ThreadEventReset, IsDoneBeforeTheCallerLooksForWork)
     int lost = 0;
     for (int round = 1; !isLast; ++round) {
         hasWork = false;
-        event.Set();
         begin.Await(round);
+        Delay(round % 67);
         event.Reset();
         const bool foundWork = hasWork;
         isLast = round == enough || timeIsUp();
