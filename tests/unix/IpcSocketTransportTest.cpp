@@ -503,6 +503,9 @@ TEST_F(Transport, EndsThePassOnASignal)
 
 TEST_F(Transport, LetsItsThreadBeCancelledWhileItWaits)
 {
+    if (isAddressSanitized) {
+        GTEST_SKIP() << "the sanitizer takes the stack that cancellation has left for one in use";
+    }
     struct Undoing
     {
         bool& undone;
