@@ -75,9 +75,9 @@ void CheckPayload(const Channel& channel, std::string_view payload)
 
 } // namespace
 
-Message Channel::ReceiveAnswer()
+Message Channel::ReceiveAnswer(milliseconds limit)
 {
-    const auto end = std::chrono::steady_clock::now() + s_AnswerTime;
+    const auto end = std::chrono::steady_clock::now() + limit;
     do {
         if (std::optional<Message> message = Receive(TimeUntil(end))) {
             return *std::move(message);

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-/// What clients wait for an answer, and for room in a queue.
+/// What clients wait for an answer unless told, and for room in a queue.
 inline constexpr std::chrono::milliseconds s_AnswerTime{5000};
 
 /// A message from the server.
@@ -37,7 +37,7 @@ public:
     virtual void Close() {}
 
     /// Waits for a message; it is an error when none comes in time.
-    Message ReceiveAnswer();
+    Message ReceiveAnswer(std::chrono::milliseconds limit = s_AnswerTime);
 };
 
 /// Over a System V queue. A program has one: it takes the process's real-time interval timer and

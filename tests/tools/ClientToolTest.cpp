@@ -136,7 +136,7 @@ TEST_F(ClientToolOnQueue, RefusesAPayloadThatNoMessageHolds)
 
 TEST_F(ClientToolOnQueue, GivesUpWaitingForAnAnswerAndReleasesItsConnection)
 {
-    const ToolResult result = Client({"send", "3", "hello", "--answer"});
+    const ToolResult result = Client({"send", "3", "hello", "--answer", "--within", "0.1"});
     EXPECT_EQ(result.errors, "velahost-client: no answer from the server\n");
     EXPECT_EQ(result.output, "");
     EXPECT_EQ(result.status, 1);
@@ -145,7 +145,7 @@ TEST_F(ClientToolOnQueue, GivesUpWaitingForAnAnswerAndReleasesItsConnection)
 
 TEST_F(ClientToolOverTcp, GivesUpWaitingForAnAnswer)
 {
-    const ToolResult result = Client({"send", "3", "hello", "--answer"});
+    const ToolResult result = Client({"send", "3", "hello", "--answer", "--within", "0.1"});
     EXPECT_EQ(result.errors, "velahost-client: no answer from the server\n");
     EXPECT_EQ(result.status, 1);
 }

@@ -36,6 +36,7 @@ struct Options
     int category = 0;
     std::string text;
     bool answer = false;
+    double within = std::chrono::duration<double>(s_AnswerTime).count();
 
     std::size_t count = 0;
     double silence = 0;
@@ -99,6 +100,11 @@ void PrintMessage(const Message& message, bool json)
     std::fflush(stdout);
 }
 
+milliseconds ToMilliseconds(double seconds)
+{
+    return std::chrono::duration_cast<milliseconds>(std::chrono::duration<double>(seconds));
+}
+
 ExitStatus Connect(const Options& options)
 {
     Session session(options);
@@ -121,7 +127,8 @@ ExitStatus Send(const Options& options)
     Session session(options);
     session.GetChannel().Send(options.category, payload);
     if (options.answer) {
-        PrintMessage(session.GetChannel().ReceiveAnswer(), options.json);
+        PrintMessage(session.GetChannel().ReceiveAnswer(ToMilliseconds(options.within)),
+                     options.json);
     }
     session.Close();
     return Success;
@@ -131,8 +138,7 @@ ExitStatus Listen(const Options& options)
 {
     using Clock = std::chrono::steady_clock;
     constexpr milliseconds look{1000}; // a signal between a look and the wait is seen at the next
-    const auto silence =
-        std::chrono::duration_cast<milliseconds>(std::chrono::duration<double>(options.silence));
+    const milliseconds silence = ToMilliseconds(options.silence);
     Session session(options);
     std::fprintf(stderr, "listening as process %d\n", getpid());
     auto lastMessage = Clock::now();
@@ -200,7 +206,13 @@ struct Commands
             ->check(CLI::Range(0, maxCategory));
         send->add_option("TEXT", options.text, "The payload, or @FILE for what is in a file")
             ->required();
-        send->add_flag("--answer", options.answer, "Wait for an answer and print it");
+        CLI::Option* answer =
+            send->add_flag("--answer", options.answer, "Wait for an answer and print it");
+        send->add_option("--within", options.within, "Wait that long for the answer")
+            ->capture_default_str()
+            ->type_name("SECONDS")
+            ->needs(answer)
+            ->check(CLI::Range(0.0, static_cast<double>(maxSeconds)));
 
         listen->add_option("--count", options.count, "End after that many messages");
         listen->add_option("--silence", options.silence, "End when nothing came for SECONDS")
