@@ -118,14 +118,18 @@ void FailLocks(Failures& failures)
 void FailProcessMutex(Failures& failures)
 {
     const InstallDirectory install;
-    const SemaphoreFile semaphore(install.File("temp/mutex"));
+    const std::string path = install.File("temp/mutex");
     const auto init = [] { ProcessMutex("mutex").Init(); };
     for (const char* function : {"open", "ftok", "semget", "semctl"}) {
-        std::filesystem::remove(semaphore.GetPath());
-        const FailingCall call(function, EACCES);
-        failures.Expect(init);
+        {
+            // What it leaves can be found only as long as the file is there.
+            const SemaphoreFile semaphore(path);
+            const FailingCall call(function, EACCES);
+            failures.Expect(init);
+        }
+        std::filesystem::remove(path);
     }
-    std::filesystem::remove(semaphore.GetPath());
+    const SemaphoreFile semaphore(path);
     ProcessMutex mutex("mutex");
     mutex.Init();
     {
