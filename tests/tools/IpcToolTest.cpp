@@ -333,10 +333,15 @@ TEST(IpcToolQueue, IsAbandonedThoughSomebodyWaitsForOneOfTheSameIdInAnotherNames
         }
     });
     stranger.WaitUntilReceiving();
+    // Also when the tool shows something unreadable: nobody else can reach the stranger's queue.
+    const struct Cancelling
+    {
+        BlockedThread& thread;
+        ~Cancelling() { thread.Cancel(); }
+    } cancelling{stranger};
     const json shown = ShowToRoot(queue.GetHandle());
     EXPECT_EQ(shown["state"], "abandoned");
     EXPECT_THAT(shown["users"], IsEmpty());
-    stranger.Cancel();
 }
 
 constexpr const char* s_Name = "mutex";
