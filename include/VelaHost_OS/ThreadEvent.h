@@ -36,7 +36,8 @@ public:
     /// Sets the event and wakes every waiter. When waking fails it throws, and the event is set.
     void Set();
 
-    /// Clears the event.
+    /// Clears the event. What the caller looks at afterwards is not looked at before: the `Set` of
+    /// who then changes it is not undone.
     void Reset();
 
     /// Waits until the event is set: true, and at once when it is set already. False when
