@@ -43,10 +43,10 @@ struct TimerSoakTargets
 };
 
 constexpr TimerSoakTargets s_SteadyClock{0, 1000, 100'000, 0};
-constexpr TimerSoakTargets s_ValgrindSteadyClock{0, 100, 3000, 0};
+constexpr TimerSoakTargets s_SmallSteadyClock{0, 100, 3000, 0};
 constexpr TimerSoakTargets s_ShortSoak{5000, 1000, 60'000, 8};
 constexpr TimerSoakTargets s_FullSoak{100'000, 10'000, 1'000'000, 40};
-constexpr TimerSoakTargets s_ValgrindSoak{200, 100, 2000, 8};
+constexpr TimerSoakTargets s_SmallSoak{200, 100, 2000, 8};
 constexpr unsigned int s_ThreadCount = 8;
 
 constexpr std::int64_t s_Microseconds = 1'000'000; // in a second
@@ -423,8 +423,7 @@ TEST(TimerSoak, FailsWithoutTheLock)
 
 TEST(TimerSoak, LosesDoublesAndDelaysNothing)
 {
-    const TimerSoakTargets targets =
-        SelectSoak(s_SteadyClock, s_SteadyClock, s_ValgrindSteadyClock);
+    const TimerSoakTargets targets = SelectSoak(s_SteadyClock, s_SteadyClock, s_SmallSteadyClock);
     const TimerSoakResult result = Soak(targets);
     EXPECT_EQ(result.problems, "");
     EXPECT_GT(result.firings, std::int64_t{targets.busy});
@@ -434,7 +433,7 @@ TEST(TimerSoak, LosesDoublesAndDelaysNothing)
 
 TEST(TimerSoak, LosesAndDoublesNothingWhileTheClockJumps)
 {
-    const TimerSoakTargets targets = SelectSoak(s_ShortSoak, s_FullSoak, s_ValgrindSoak);
+    const TimerSoakTargets targets = SelectSoak(s_ShortSoak, s_FullSoak, s_SmallSoak);
     const TimerSoakResult result = Soak(targets);
     EXPECT_EQ(result.problems, "");
     EXPECT_GE(result.operations, targets.operations);

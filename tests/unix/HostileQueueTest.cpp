@@ -39,7 +39,7 @@ constexpr int s_Pid = 0x3D0902;             // as long as one can be; no part of
 constexpr int s_NoId = 0x7F7F7F7F;          // no part of it has been given
 
 // Of all 16-bit numbers, every one in the full size, else a sample with all low and all high bytes.
-const unsigned int s_Step = IsFullSoak() ? 1 : 101;
+const unsigned int s_Step = IsSoakSelected("full") ? 1 : 101;
 
 /// What one message must lead to.
 struct Told

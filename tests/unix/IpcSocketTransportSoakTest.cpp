@@ -29,7 +29,7 @@ constexpr std::uint16_t s_GoodCategory = 6;
 constexpr unsigned int s_Seed = 19700101;
 constexpr long s_ShortSoak = 5'000; // steps
 constexpr long s_FullSoak = 500'000;
-constexpr long s_ValgrindSoak = 1'000;
+constexpr long s_SmallSoak = 1'000;
 constexpr int s_WildClients = 8;
 
 /// What the bytes of one connection mean, read from the whole stream anew each time.
@@ -276,7 +276,7 @@ private:
 
 TEST(IpcSocketTransportSoak, LosesNoGoodFrameAmongMalformedOnes)
 {
-    const long target = SelectSoak(s_ShortSoak, s_FullSoak, s_ValgrindSoak);
+    const long target = SelectSoak(s_ShortSoak, s_FullSoak, s_SmallSoak);
     const std::size_t descriptorsBefore = CountDescriptors();
     // Without the lines about reset connections.
     std::streambuf* const output = std::cout.rdbuf(nullptr);

@@ -1386,7 +1386,7 @@ struct MutexSoakTargets
 
 constexpr MutexSoakTargets s_ShortSoak{40, std::chrono::seconds(60)};
 constexpr MutexSoakTargets s_FullSoak{1000, std::chrono::seconds(110)};
-constexpr MutexSoakTargets s_ValgrindSoak{5, std::chrono::seconds(60)};
+constexpr MutexSoakTargets s_SmallSoak{5, std::chrono::seconds(60)};
 constexpr std::size_t s_SoakProcesses = 8;
 
 /// What the processes of a soak share.
@@ -1516,7 +1516,7 @@ SoakResult Soak(Guard guard, const MutexSoakTargets& targets, std::chrono::milli
 
 TEST_F(ProcessMutexSoak, SurvivesKilledHolders)
 {
-    const MutexSoakTargets targets = SelectSoak(s_ShortSoak, s_FullSoak, s_ValgrindSoak);
+    const MutexSoakTargets targets = SelectSoak(s_ShortSoak, s_FullSoak, s_SmallSoak);
     const SoakResult result = Soak(Guard::Whole, targets, std::chrono::seconds(30));
     EXPECT_FALSE(result.violated);
     EXPECT_FALSE(result.stalled);

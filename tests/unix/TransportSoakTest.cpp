@@ -58,7 +58,7 @@ struct TransportSoakTargets
 
 constexpr TransportSoakTargets s_ShortSoak{300'000, 30, 110};
 constexpr TransportSoakTargets s_FullSoak{10'000'000, 1000, 590};
-constexpr TransportSoakTargets s_ValgrindSoak{20'000, 30, 110};
+constexpr TransportSoakTargets s_SmallSoak{20'000, 10, 110};
 
 constexpr std::size_t s_TcpClients = 48;
 constexpr std::size_t s_QueueClients = 16;
@@ -533,7 +533,7 @@ using Session = void (*)(Page&, std::minstd_rand&, std::uint32_t);
 int RunClient(Page& page, Session session)
 {
     constexpr unsigned int patienceSeconds = 60;
-    const std::uint32_t longestSession = IsOnValgrind() ? 1000 : 20'000;
+    const std::uint32_t longestSession = SelectSoak(20'000U, 20'000U, 1000U);
     std::minstd_rand random(static_cast<unsigned int>(getpid()));
     try {
         while (!page.stop) {
@@ -776,7 +776,7 @@ protected:
 
 TEST_F(TransportSoak, LosesReordersAndCorruptsNothingAndKeepsNothing)
 {
-    const TransportSoakTargets targets = SelectSoak(s_ShortSoak, s_FullSoak, s_ValgrindSoak);
+    const TransportSoakTargets targets = SelectSoak(s_ShortSoak, s_FullSoak, s_SmallSoak);
     alarm(targets.boundSeconds);
     // Where allowed, so that only this test's queues are counted.
     const bool isAlone = unshare(CLONE_NEWIPC) == 0;
