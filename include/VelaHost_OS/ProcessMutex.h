@@ -21,9 +21,10 @@ namespace VelaHost_OS {
 class VELAHOST_EXPORT ProcessMutex
 {
 public:
-    /// The lock file is `name` in the folder "temp" of the directory that the environment variable
-    /// `KAVRI_VELA_DIR` names, taken as it stands; in "/tmp" when the variable is not set. Touches
-    /// neither files nor semaphores; the folder must exist by the time of `Init()`.
+    /// The lock file is `name`, not null, in the folder "temp" of the directory that the
+    /// environment variable `KAVRI_VELA_DIR` names, taken as it stands; in "/tmp" when the variable
+    /// is not set. Touches neither files nor semaphores; the folder must exist by the time of
+    /// `Init()`.
     explicit ProcessMutex(const char* name);
     ProcessMutex(const ProcessMutex&) = delete;
     ProcessMutex& operator=(const ProcessMutex&) = delete;
@@ -38,7 +39,8 @@ public:
     ///
     /// The lock file and the semaphore get the read and write permissions of the install directory
     /// (`KAVRI_VELA_DIR`, "/usr/vela" when that is not set), or 0666 when it can't be examined.
-    /// The process's file-creation mask is 0 for a moment.
+    /// The process's file-creation mask is 0 for a moment. A request to cancel the thread takes
+    /// effect in the wait for an existing one, else after the return.
     int Init();
 
     /// Blocks all signals in the calling thread, then waits until the mutex is free and takes it.

@@ -15,7 +15,7 @@ namespace VelaHost_OS {
 class VELAHOST_EXPORT SharedMemory
 {
 public:
-    /// `name` is the path of the file, taken as it stands; nothing is opened yet.
+    /// `name`, not null, is the path of the file, taken as it stands; nothing is opened yet.
     explicit SharedMemory(const char* name);
     SharedMemory(const SharedMemory&) = delete;
     SharedMemory& operator=(const SharedMemory&) = delete;
@@ -32,7 +32,8 @@ public:
     ///
     /// The file gets the read and write permissions of the install directory (`KAVRI_VELA_DIR`,
     /// "/usr/vela" when that is not set), or 0666 when it can't be examined. The file-creation mask
-    /// of the whole process is 0 meanwhile.
+    /// of the whole process is 0 while the file is being opened. A request to cancel the thread
+    /// takes effect after the return.
     int Create(unsigned int size);
 
     /// Opens the existing file, whoever made it, and learns its size. Returns 0, or -1 when it

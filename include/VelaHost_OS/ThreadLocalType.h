@@ -17,9 +17,10 @@ namespace VelaHost_OS {
 /// (`SetValue(nullptr)`) before its thread ends.
 ///
 /// A failed platform call throws `VelaHost_Utility::SystemException`, code 0x2002, also out of the
-/// destructor. `GetValue` and `SetValue` may be called from any thread, and objects may be
-/// constructed on any thread; everything else is for times when no other thread uses the object
-/// or, in the broadcasts, the registry.
+/// destructor. `GetValue`, `SetValue`, `AttachThread` and `Destructor` may be called from any
+/// thread, and objects may be constructed on any thread; `AttachThreadAll` from any thread while
+/// none changes the registry. Everything else is for times when no other thread uses the object or,
+/// in the broadcasts, the registry.
 class VELAHOST_EXPORT ThreadLocalType
 {
 public:

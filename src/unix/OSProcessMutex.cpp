@@ -1,6 +1,8 @@
 #include <VelaHost_OS/ProcessMutex.h>
 
 #include "InstallDirectory.h"
+#include "NoCancellation.h"
+#include "OpenCreationMask.h"
 
 #include <VelaHost_OS/SystemInfo.h>
 #include <internal/ThrowSite.h>
@@ -10,7 +12,6 @@
 #include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace VelaHost_OS {
@@ -42,19 +43,6 @@ union SemaphoreArgument {
     unsigned short* values;
 };
 
-/// Lets files have exactly the permissions that they are created with.
-class OpenCreationMask
-{
-public:
-    OpenCreationMask() : m_Saved(umask(0)) {}
-    OpenCreationMask(const OpenCreationMask&) = delete;
-    OpenCreationMask& operator=(const OpenCreationMask&) = delete;
-    ~OpenCreationMask() { umask(m_Saved); }
-
-private:
-    mode_t m_Saved;
-};
-
 /// Closes its descriptor also when the thread is cancelled.
 class ScopedDescriptor
 {
@@ -62,7 +50,7 @@ public:
     explicit ScopedDescriptor(int fd) : m_Fd(fd) {}
     ScopedDescriptor(const ScopedDescriptor&) = delete;
     ScopedDescriptor& operator=(const ScopedDescriptor&) = delete;
-    ~ScopedDescriptor() { close(m_Fd); }
+    ~ScopedDescriptor() { CloseUncancelled(m_Fd); }
 
     int Get() const { return m_Fd; }
 
@@ -106,20 +94,24 @@ ProcessMutex::~ProcessMutex()
 
 int ProcessMutex::Init()
 {
-    const mode_t permissions = CreateLockFile();
-    const key_t key = ftok(m_Path.c_str(), s_KeyProject);
-    CheckErrno(key, s_MakeKeySite);
-    m_SemaphoreId = semget(key, 1, static_cast<int>(permissions) | IPC_CREAT);
-    CheckErrno(m_SemaphoreId, s_GetSemaphoreSite);
-    if (!m_Created) {
-        WaitForReadyMark();
-        return -1;
+    {
+        // A creator that were cancelled between file and mark would leave all others waiting.
+        const NoCancellation shield;
+        const mode_t permissions = CreateLockFile();
+        const key_t key = ftok(m_Path.c_str(), s_KeyProject);
+        CheckErrno(key, s_MakeKeySite);
+        m_SemaphoreId = semget(key, 1, static_cast<int>(permissions) | IPC_CREAT);
+        CheckErrno(m_SemaphoreId, s_GetSemaphoreSite);
+        if (m_Created) {
+            SemaphoreArgument argument{};
+            argument.value = 1;
+            CheckErrno(semctl(m_SemaphoreId, 0, SETVAL, argument), s_SetSemaphoreSite);
+            [[maybe_unused]] const ssize_t untested = write(m_Fd, &s_ReadyMark, sizeof s_ReadyMark);
+            return 0;
+        }
     }
-    SemaphoreArgument argument{};
-    argument.value = 1;
-    CheckErrno(semctl(m_SemaphoreId, 0, SETVAL, argument), s_SetSemaphoreSite);
-    [[maybe_unused]] const ssize_t untested = write(m_Fd, &s_ReadyMark, sizeof s_ReadyMark);
-    return 0;
+    WaitForReadyMark();
+    return -1;
 }
 
 int ProcessMutex::Lock()
@@ -147,9 +139,12 @@ int ProcessMutex::Delete()
 mode_t ProcessMutex::CreateLockFile()
 {
     CloseLockFile();
-    const OpenCreationMask mask;
-    const mode_t permissions = GetSharedFilePermissions();
-    m_Fd = open(m_Path.c_str(), O_WRONLY | O_CREAT | O_EXCL, permissions);
+    mode_t permissions = 0;
+    {
+        const OpenCreationMask mask;
+        permissions = GetSharedFilePermissions();
+        m_Fd = open(m_Path.c_str(), O_WRONLY | O_CREAT | O_EXCL, permissions);
+    }
     if (m_Fd == -1 && errno != EEXIST) {
         ThrowSystemError(s_CreateFileSite);
     }
@@ -172,7 +167,7 @@ void ProcessMutex::CloseLockFile()
 {
     // Descriptor 0 is never closed here: it may be anybody's standard input.
     if (m_Fd > 0) {
-        close(m_Fd);
+        CloseUncancelled(m_Fd);
     }
     m_Fd = -1;
 }

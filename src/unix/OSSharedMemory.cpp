@@ -1,12 +1,13 @@
 #include <VelaHost_OS/SharedMemory.h>
 
 #include "InstallDirectory.h"
+#include "NoCancellation.h"
+#include "OpenCreationMask.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace VelaHost_OS {
@@ -74,24 +75,28 @@ SharedMemory::SharedMemory(const char* name) : m_Size(0), m_Fd(-1), m_Name(name)
 SharedMemory::~SharedMemory()
 {
     if (m_Fd != -1) {
-        close(m_Fd);
+        CloseUncancelled(m_Fd);
     }
 }
 
 int SharedMemory::Create(unsigned int size)
 {
+    // Cancelled half-way, it would leave the mask open, or a part of the file.
+    const NoCancellation shield;
     const Zeros zeros(size);
     if (!zeros.IsValid()) {
         return -1;
     }
-    const mode_t mask = umask(0);
-    const mode_t permissions = GetSharedFilePermissions();
-    ReplaceFile(open(m_Name.c_str(), O_RDWR | O_CREAT | O_EXCL, permissions));
-    if (m_Fd == -1) {
-        // Not restoring the mask is deliberate: see the header.
-        return -1;
+    {
+        OpenCreationMask mask;
+        const mode_t permissions = GetSharedFilePermissions();
+        ReplaceFile(open(m_Name.c_str(), O_RDWR | O_CREAT | O_EXCL, permissions));
+        if (m_Fd == -1) {
+            // Deliberate: see the header.
+            mask.Leave();
+            return -1;
+        }
     }
-    umask(mask);
     if (!WriteThrough(m_Fd, zeros.Get(), size)) {
         const KeptErrno cause;
         unlink(m_Name.c_str());
@@ -132,7 +137,7 @@ void SharedMemory::ReplaceFile(int fd)
 {
     if (m_Fd != -1) {
         const KeptErrno cause;
-        close(m_Fd);
+        CloseUncancelled(m_Fd);
     }
     m_Fd = fd;
     m_Size = 0;

@@ -1,5 +1,6 @@
 #include <VelaHost_OS/ProcessMutex.h>
 
+#include "support/CancelledThread.h"
 #include "support/ChildProcess.h"
 #include "support/FileState.h"
 #include "support/InstallDirectory.h"
@@ -13,6 +14,7 @@
 #include "support/interpose/FileStatus.h"
 #include "support/interpose/Interposed.h"
 
+#include <VelaHost_OS/SharedMemory.h>
 #include <VelaHost_Utility/Exception.h>
 
 #include <gmock/gmock.h>
@@ -44,6 +46,7 @@
 #include <thread>
 #include <type_traits>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -727,6 +730,90 @@ TEST_F(ProcessMutexInit, MayBeCancelledWhileItWaits)
     EXPECT_EQ(GetCreationMask(), 022U);
 }
 
+TEST_F(ProcessMutexInit, ClosesTheFileOfAWaiterThatIsToBeCancelled)
+{
+    ASSERT_EQ(ProcessMutex(s_Name).Init(), 0);
+    const unsigned int descriptors = CountDescriptors();
+    int result = 0;
+    EXPECT_TRUE(EndsCancelled([&] {
+        ProcessMutex mutex(s_Name);
+        {
+            const Hook read(interposed::read, [](int, void* mark, std::size_t) {
+                CancelMyself();
+                *static_cast<char*>(mark) = 1;
+                return ssize_t{1};
+            });
+            result = mutex.Init();
+        }
+        pthread_testcancel();
+    }));
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(CountDescriptors(), descriptors);
+}
+
+TEST_F(ProcessMutexInit, OfACreatorIsNotCancelledHalfWay)
+{
+    for (const std::string_view step :
+         {"umask", "stat", "open", "ftok", "semget", "semctl", "write"}) {
+        SCOPED_TRACE(step);
+        const Place place;
+        int result = -1;
+        EXPECT_TRUE(EndsCancelled([&] {
+            ProcessMutex mutex(s_Name);
+            {
+                const BeforeEveryCall hooks([&](std::string_view name) {
+                    if (name == step) {
+                        CancelMyself();
+                    }
+                });
+                result = mutex.Init();
+            }
+            pthread_testcancel();
+        }));
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(GetCreationMask(), 022U);
+        EXPECT_EQ(AskFreshProcess(), Outcome::Attached);
+    }
+}
+
+TEST_F(ProcessMutexInit, OpensTheCreationMaskOneThreadAtATime)
+{
+    const CreationMask mask(077);
+    const Pipe opening;
+    const Pipe release;
+    const Pipe second;
+    std::atomic<bool> isFirst{true};
+    const Hook open(interposed::open, [&](const char*, int, mode_t) -> std::optional<int> {
+        if (isFirst.exchange(false)) {
+            opening.Send();
+            EXPECT_TRUE(release.Receive());
+        }
+        return std::nullopt;
+    });
+    const Hook sleep(interposed::nanosleep,
+                     [&, looks = 0](const WideTimespec*, WideTimespec*) mutable {
+                         if (++looks == 3) {
+                             second.Send('w');
+                         }
+                         return std::optional<int>();
+                     });
+    const std::string shared = m_Place.install.File("shared");
+    std::thread creator([] { ProcessMutex(s_Name).Init(); });
+    EXPECT_TRUE(opening.Receive());
+    std::thread other([&] {
+        VelaHost_OS::SharedMemory(shared.c_str()).Create(1);
+        second.Send('d');
+    });
+    EXPECT_EQ(second.Receive(), 'w') << "the other thread did not wait";
+    EXPECT_FALSE(std::filesystem::exists(shared));
+    release.Send();
+    creator.join();
+    other.join();
+    EXPECT_EQ(GetCreationMask(), 077U);
+    EXPECT_EQ(GetMode(m_Place.File()), 0644);
+    EXPECT_EQ(GetMode(shared), 0644);
+}
+
 /// The creator is held before one of its steps; the other must wait until it has taken the last.
 class ProcessMutexCreation : public ProcessMutexTest,
                              public testing::WithParamInterface<const char*>
@@ -1358,6 +1445,23 @@ TEST_F(ProcessMutexDestructor, ClosesNothingWithoutAFile)
     }
     EXPECT_EQ(attached.Delete(), 0);
     EXPECT_EQ(closes.GetCallCount(), 0U);
+}
+
+TEST_F(ProcessMutexDestructor, ClosesTheFileOfAThreadThatIsToBeCancelled)
+{
+    const unsigned int descriptors = CountDescriptors();
+    bool isDestroyed = false;
+    EXPECT_TRUE(EndsCancelled([&] {
+        {
+            ProcessMutex mutex(s_Name);
+            mutex.Init();
+            CancelMyself();
+        }
+        isDestroyed = true;
+        pthread_testcancel();
+    }));
+    EXPECT_TRUE(isDestroyed);
+    EXPECT_EQ(CountDescriptors(), descriptors);
 }
 
 TEST_F(ProcessMutexDestructor, NeverClosesDescriptorZero)

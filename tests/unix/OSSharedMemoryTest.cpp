@@ -1,5 +1,6 @@
 #include <VelaHost_OS/SharedMemory.h>
 
+#include "support/CancelledThread.h"
 #include "support/ChildProcess.h"
 #include "support/FileState.h"
 #include "support/InstallDirectory.h"
@@ -171,6 +172,7 @@ TEST_F(SharedMemoryCreate, WritesOnceAndFlushes)
         const Hook write(interposed::write, [&](int fd, const void*, std::size_t size) {
             calls.push_back("write " + std::to_string(size));
             EXPECT_EQ(fd, memory.GetFd());
+            EXPECT_EQ(GetCreationMask(), 022U);
             return std::nullopt;
         });
         const Hook fsync(interposed::fsync, [&](int fd) {
@@ -181,6 +183,41 @@ TEST_F(SharedMemoryCreate, WritesOnceAndFlushes)
         ASSERT_EQ(memory.Create(3 * s_MiB), 0);
     }
     EXPECT_THAT(calls, testing::ElementsAre("write 3145728", "fsync"));
+}
+
+TEST_F(SharedMemoryCreate, IsNotCancelledHalfWay)
+{
+    const unsigned int descriptors = CountDescriptors();
+    for (const std::string step : {"open", "write", "fsync"}) {
+        SCOPED_TRACE(step);
+        const std::string path = m_Install.File(step);
+        const auto cancelAt = [&](const std::string& call) {
+            if (call == step) {
+                CancelMyself();
+            }
+            return std::nullopt;
+        };
+        int result = -1;
+        EXPECT_TRUE(EndsCancelled([&] {
+            SharedMemory memory(path.c_str());
+            {
+                const Hook open(interposed::open, [&](const char*, int, mode_t) {
+                    return std::optional<int>(cancelAt("open"));
+                });
+                const Hook write(interposed::write, [&](int, const void*, std::size_t) {
+                    return std::optional<ssize_t>(cancelAt("write"));
+                });
+                const Hook fsync(interposed::fsync,
+                                 [&](int) { return std::optional<int>(cancelAt("fsync")); });
+                result = memory.Create(100);
+            }
+            pthread_testcancel();
+        }));
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(ReadFile(path), std::string(100, '\0'));
+        EXPECT_EQ(GetCreationMask(), 022U);
+    }
+    EXPECT_EQ(CountDescriptors(), descriptors);
 }
 
 TEST_F(SharedMemoryCreate, RefusesAPathThatExists)
@@ -930,6 +967,24 @@ TEST_F(SharedMemoryDestructor, ClosesTheFileOfAFailedCreation)
         const FailingCall write("write", ENOSPC);
         ASSERT_EQ(SharedMemory(m_Path.c_str()).Create(100), -1);
     }
+    EXPECT_EQ(CountDescriptors(), descriptors);
+}
+
+TEST_F(SharedMemoryDestructor, ClosesTheFileOfAThreadThatIsToBeCancelled)
+{
+    ASSERT_EQ(SharedMemory(m_Path.c_str()).Create(100), 0);
+    const unsigned int descriptors = CountDescriptors();
+    bool isDestroyed = false;
+    EXPECT_TRUE(EndsCancelled([&] {
+        {
+            SharedMemory memory(m_Path.c_str());
+            memory.Open();
+            CancelMyself();
+        }
+        isDestroyed = true;
+        pthread_testcancel();
+    }));
+    EXPECT_TRUE(isDestroyed);
     EXPECT_EQ(CountDescriptors(), descriptors);
 }
 

@@ -1,5 +1,6 @@
 #include <VelaHost_OS/ThreadLocalType.h>
 
+#include "support/CancelledThread.h"
 #include "support/ChildProcess.h"
 #include "support/Interpose.h"
 #include "support/Sanitizers.h"
@@ -11,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -100,23 +102,6 @@ protected:
 
     /// Runs `body` on a thread of its own and waits for its end.
     static void OnAThread(const std::function<void()>& body) { std::thread(body).join(); }
-
-    /// Runs `body` on a thread that has cancelled itself; true when that ended it.
-    static bool CancelsInside(std::function<void()> body)
-    {
-        pthread_t thread{};
-        void* result = nullptr;
-        pthread_create(
-            &thread, nullptr,
-            [](void* argument) -> void* {
-                VelaHost_OS::CancelThread(pthread_self());
-                (*static_cast<std::function<void()>*>(argument))();
-                return nullptr;
-            },
-            &body);
-        pthread_join(thread, &result);
-        return result == PTHREAD_CANCELED;
-    }
 
     static bool IsRegistryHeld()
     {
@@ -540,6 +525,42 @@ TEST_F(ThreadLocalAttach, AllWalksWithoutTheRegistryMutex)
     EXPECT_EQ(ThreadLocalType::s_Mutex.GetLockCount(), locks);
 }
 
+TEST_F(ThreadLocalAttach, AllAndDestructorRunOnManyThreadsAtOnce)
+{
+    constexpr std::size_t threads = 8;
+    constexpr std::size_t rounds = 100;
+    JournalType first(m_Journal, "first");
+    JournalType second(m_Journal, "second");
+    ThreadLocalType::AttachProcessAll();
+    m_Journal.Take();
+    std::latch start(threads);
+    std::vector<std::thread> running;
+    for (std::size_t i = 0; i < threads; ++i) {
+        running.emplace_back([&] {
+            start.arrive_and_wait();
+            for (std::size_t round = 0; round < rounds; ++round) {
+                ThreadLocalType::AttachThreadAll();
+                for (JournalType* type : {&first, &second}) {
+                    EXPECT_EQ(type->GetValue(), &type->m_Value);
+                    type->Destructor();
+                    type->SetValue(nullptr);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : running) {
+        thread.join();
+    }
+    const std::vector<std::string> journal = m_Journal.Take();
+    for (const char* entry :
+         {"first create", "second create", "first destroy value", "second destroy value"}) {
+        EXPECT_EQ(static_cast<std::size_t>(std::count(journal.begin(), journal.end(), entry)),
+                  threads * rounds)
+            << entry;
+    }
+    EXPECT_EQ(journal.size(), 4 * threads * rounds);
+}
+
 TEST_F(ThreadLocalAttach, AllEndsWithTheFirstFailure)
 {
     JournalType first(m_Journal, "first");
@@ -703,7 +724,10 @@ TEST_F(ThreadLocalDetach, AllDoesNotSwallowCancellation)
     JournalType* second = NewType("second");
     JournalType* third = NewType("third");
     third->m_OnDestroy = [](void*) { pthread_testcancel(); };
-    EXPECT_TRUE(CancelsInside([] { ThreadLocalType::DetachProcessAll(); }));
+    EXPECT_TRUE(EndsCancelled([] {
+        CancelMyself();
+        ThreadLocalType::DetachProcessAll();
+    }));
     EXPECT_EQ(ThreadLocalType::s_AllTypes, second);
     EXPECT_THAT(m_Journal.Take(), ElementsAre("third destroy null"));
     delete third; // Already off the registry, and nobody else's any more.
