@@ -61,10 +61,8 @@ void Timer::Stop()
 
 void Timer::Restart()
 {
-    TimerService* const service = TimerService::GetInstance();
-    Locker locker(*service);
-    Disarm(*service);
-    Arm(*service);
+    Stop();
+    Start();
 }
 
 void Timer::Fire(Locker& locker)
@@ -74,7 +72,7 @@ void Timer::Fire(Locker& locker)
         return;
     }
     if (m_Periodic) {
-        m_Request = TimerService::GetInstance()->MakeRequest(this, m_Interval);
+        Arm(*TimerService::GetInstance());
     } else {
         m_Running = false;
     }

@@ -41,6 +41,8 @@ using namespace VelaHost_Utility;
 using namespace velahost_test;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::IsNull;
+using ::testing::NotNull;
 using VelaHost_OS::TimerService;
 
 constexpr std::int64_t s_Second = 1'000'000'000; // in nanoseconds
@@ -121,10 +123,11 @@ protected:
 
     FakeClock& Clock() { return m_Thread.Clock(); }
 
-    /// True when the thread sleeps with nothing to wait for: one second, and another after it.
+    /// True when the thread has nothing to wait for but what is a second away or more. A request
+    /// that is due it takes unseen.
     bool QueueIsEmpty()
     {
-        m_Thread.WakeAfter(9'000);
+        m_Thread.Wake();
         return m_Thread.GetSleepNanoseconds() == s_Second;
     }
 
@@ -320,9 +323,9 @@ TEST_F(TimerPeriodic, FiresEveryIntervalUntilStopped)
     }
     timer.Stop();
     EXPECT_FALSE(timer.IsRunning());
+    EXPECT_TRUE(QueueIsEmpty());
     m_Thread.WakeAfter(100);
     EXPECT_EQ(m_Fired.size(), 10U);
-    EXPECT_TRUE(QueueIsEmpty());
 }
 
 TEST_F(TimerPeriodic, MeasuresFromTheFiringAndNotFromTheHandlersEnd)
@@ -391,9 +394,9 @@ TEST_F(TimerPeriodic, MayStopItselfFromItsHandler)
     timer.Start();
     m_Thread.WakeAfter(10);
     EXPECT_FALSE(timer.IsRunning());
+    EXPECT_TRUE(QueueIsEmpty());
     m_Thread.WakeAfter(100);
     EXPECT_THAT(m_Fired, ElementsAre("a"));
-    EXPECT_TRUE(QueueIsEmpty());
 }
 
 TEST_F(TimerPeriodic, MayRestartItselfFromItsHandler)
@@ -444,6 +447,7 @@ TEST_F(TimerStart, OfARunningTimerThrowsAndKeepsTheFirstArming)
     Timer timer(100, &m_Handler, false);
     timer.Start();
     m_Thread.WakeAfter(60);
+    const TimerService::Request* const request = RequestOf(timer);
     {
         CapturedStdout output;
         EXPECT_TRUE(Throws<TimerException>([&] { timer.Start(); }, s_AlreadyRunning));
@@ -451,6 +455,7 @@ TEST_F(TimerStart, OfARunningTimerThrowsAndKeepsTheFirstArming)
     }
     EXPECT_TRUE(ServiceIsFree());
     EXPECT_TRUE(timer.IsRunning());
+    EXPECT_EQ(RequestOf(timer), request);
     m_Thread.WakeAfter(39);
     EXPECT_THAT(m_Fired, IsEmpty());
     m_Thread.WakeAfter(1);
@@ -518,6 +523,16 @@ TEST_F(TimerStart, KeepsTheOrderOfEqualExpiries)
 }
 
 using TimerStop = TimerTest;
+
+TEST_F(TimerStop, TakesTheRequestAway)
+{
+    StartThread();
+    Timer timer(100, &m_Handler, false);
+    timer.Start();
+    timer.Stop();
+    EXPECT_TRUE(QueueIsEmpty());
+    EXPECT_EQ(RequestOf(timer), nullptr);
+}
 
 TEST_F(TimerStop, PreventsAPendingFiring)
 {
@@ -670,14 +685,14 @@ TEST_F(TimerRestart, StartsAStoppedTimer)
     EXPECT_THAT(m_Fired, ElementsAre("fired"));
 }
 
-TEST_F(TimerRestart, HoldsTheLockAllTheTime)
+TEST_F(TimerRestart, ReleasesTheLockBetweenStopAndStart)
 {
     StartThread();
     Timer timer(100, &m_Handler, false);
     timer.Start();
     pthread_mutex_t* const mutex = ServiceMutex();
     int depth = 0;
-    int releases = 0;
+    std::vector<const TimerService::Request*> requests;
     {
         const Hook<int(pthread_mutex_t*)> lock(interposed::pthread_mutex_lock,
                                                [&](pthread_mutex_t* locked) {
@@ -687,15 +702,41 @@ TEST_F(TimerRestart, HoldsTheLockAllTheTime)
         const Hook<int(pthread_mutex_t*)> unlock(interposed::pthread_mutex_unlock,
                                                  [&](pthread_mutex_t* unlocked) {
                                                      if (unlocked == mutex && --depth == 0) {
-                                                         ++releases;
+                                                         requests.push_back(RequestOf(timer));
                                                      }
                                                      return std::nullopt;
                                                  });
         timer.Restart();
     }
     EXPECT_EQ(depth, 0);
-    EXPECT_EQ(releases, 1);
+    EXPECT_THAT(requests, ElementsAre(IsNull(), NotNull()));
     timer.Stop();
+}
+
+TEST_F(TimerRestart, MeetsTheStartOfAnotherThread)
+{
+    StartThread();
+    Timer timer(100, &m_Handler, false);
+    timer.Start();
+    pthread_mutex_t* const mutex = ServiceMutex();
+    bool hasStarted = false;
+    {
+        // The other thread gets the lock first.
+        const Hook<int(pthread_mutex_t*)> lock(
+            interposed::pthread_mutex_lock, [&](pthread_mutex_t* locked) {
+                if (locked == mutex && !hasStarted && RequestOf(timer) == nullptr) {
+                    hasStarted = true;
+                    std::thread([&] { timer.Start(); }).join();
+                }
+                return std::nullopt;
+            });
+        CapturedStdout output;
+        EXPECT_THROW(timer.Restart(), TimerException);
+    }
+    EXPECT_TRUE(hasStarted);
+    EXPECT_TRUE(timer.IsRunning());
+    m_Thread.WakeAfter(100);
+    EXPECT_THAT(m_Fired, ElementsAre("fired"));
 }
 
 TEST_F(TimerRestart, ThatFailsLeavesTheTimerStopped)

@@ -39,7 +39,8 @@ public:
     public:
         virtual ~Handler() = default;
         /// `timer` fired. A one-shot timer is already stopped and may be started again; a periodic
-        /// one is already waiting for its next firing.
+        /// one is already waiting for its next firing. Where another thread may destroy the timer
+        /// meanwhile, the pointer is only good for telling which one it was.
         virtual void OnTimer(Timer* timer) = 0;
     };
 
@@ -49,8 +50,9 @@ public:
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 
-    /// Stops the timer. Where that throws, the handler is not called any more all the same. A
-    /// derived class whose handler uses its members stops the timer in its own destructor.
+    /// Stops the timer, for which it takes the lock even when the timer is not running. Where that
+    /// throws, the handler is not called any more all the same. A derived class whose handler uses
+    /// its members stops the timer in its own destructor.
     ~Timer() noexcept(false) override;
 
     /// Fires one interval from now and, if periodic, every interval from then on, each measured
@@ -64,8 +66,9 @@ public:
     /// Does nothing when the timer is not running.
     void Stop();
 
-    /// Stops the timer if it is running and starts it; nothing can come between the two. Throws
-    /// what `VelaHost_OS::TimerService::MakeRequest` throws; the timer is then stopped.
+    /// Stops the timer if it is running, then starts it: in between it is stopped, and another
+    /// thread may start it first. Throws what `Start` throws; the timer is then stopped, unless
+    /// another thread has started it.
     void Restart();
 
     /// For the timer thread only.

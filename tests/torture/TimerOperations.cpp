@@ -408,10 +408,13 @@ std::vector<Operation> TimerOperations()
              return Told("restarted");
          }),
          Tells("restarted"),
-         {{"pthread_mutex_lock", each, EINVAL, throws},
+         // First the stop's, then the start's.
+         {{"pthread_mutex_lock", 1, EINVAL, throws},
+          {"pthread_mutex_unlock", 1, EPERM, throws.Leaves("stopped, calls 0, held")},
+          {"pthread_mutex_lock", 2, EINVAL, throws.Leaves("stopped, calls 0, free")},
           {"gettimeofday", each, EINVAL, Ignored()},
           {"pthread_kill", each, ESRCH, Ignored()},
-          {"pthread_mutex_unlock", each, EPERM, throws.Leaves("running, calls 0, held")}}},
+          {"pthread_mutex_unlock", 2, EPERM, throws.Leaves("running, calls 0, held")}}},
 
         {"Timer_IsRunning",
          With<Running>([](Running& f) { return Told::Number(f.timer->IsRunning()); }),
