@@ -42,6 +42,11 @@ private:
     bool m_RanOutOfMemory;
 };
 
+std::string TextOf(const char* name, const char* what)
+{
+    return std::string(name) + "(" + (what != nullptr ? what : "") + ")";
+}
+
 } // namespace
 
 Exception::Exception(const Context& context, unsigned int errorCode)
@@ -67,7 +72,7 @@ BadParmException::~BadParmException() = default;
 NotImplementedException::NotImplementedException(const Context& context, const char* what)
     : Exception(context, s_NotImplementedCode)
 {
-    SetText(std::string("NotImplementedException(") + what + ")");
+    SetText(TextOf("NotImplementedException", what));
     LogMe();
 }
 
@@ -76,7 +81,7 @@ NotImplementedException::~NotImplementedException() = default;
 FeatureNotSupportedException::FeatureNotSupportedException(const Context& context, const char* what)
     : Exception(context, s_FeatureNotSupportedCode)
 {
-    SetText(std::string("FeatureNotSupportedException(") + what + ")");
+    SetText(TextOf("FeatureNotSupportedException", what));
     LogMe();
 }
 

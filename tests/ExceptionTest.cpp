@@ -270,6 +270,13 @@ TEST(Exception, IsCompleteWhenItIsLogged)
     EXPECT_STREQ(s_LastLogged.text, "SystemException(SysErr=0x2)");
 }
 
+TEST(Exception, TakesANullNameForAnEmptyOne)
+{
+    EXPECT_EQ(NotImplementedException(s_Recorded, nullptr).GetText(), "NotImplementedException()");
+    EXPECT_EQ(FeatureNotSupportedException(s_Recorded, nullptr).GetText(),
+              "FeatureNotSupportedException()");
+}
+
 TEST(Exception, LeavesExactlyOneLineOfEachClassWithoutBeingThrown)
 {
     EXPECT_EQ(OutputOf([] { const BadParmException e(s_Site, 7, "%s", "detail"); }),

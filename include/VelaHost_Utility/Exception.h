@@ -76,7 +76,7 @@ public:
 class VELAHOST_EXPORT NotImplementedException : public Exception
 {
 public:
-    /// `what` names the operation; the text keeps a copy.
+    /// `what` names the operation; the text keeps a copy. Null is taken for an empty one.
     NotImplementedException(const Context& context, const char* what);
     ~NotImplementedException() override;
 };
@@ -86,7 +86,7 @@ public:
 class VELAHOST_EXPORT FeatureNotSupportedException : public Exception
 {
 public:
-    /// `what` names the operation; the text keeps a copy.
+    /// `what` names the operation; the text keeps a copy. Null is taken for an empty one.
     FeatureNotSupportedException(const Context& context, const char* what);
     ~FeatureNotSupportedException() override;
 };
@@ -122,7 +122,8 @@ private:
 
 /// The standard logger: writes "TEXT at FILE:LINE" under the trace label "Exception" of the
 /// context's module, or, when the trace library does not know that module, to standard output as
-/// one whole, flushed line. Safe from any thread; keeps `errno`.
+/// one whole, flushed line. Safe from any thread; keeps `errno`. Throws `std::bad_alloc` when there
+/// is no memory for the line.
 VELAHOST_EXPORT void DefaultExceptionLogger(const Exception& e);
 
 } // namespace VelaHost_Utility
