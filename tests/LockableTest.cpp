@@ -211,6 +211,13 @@ TEST(Locker, ReleasesThroughSlotZeroAndFreesItselfThroughSlotOne)
     EXPECT_EQ(watch.GetFreeCount(), 1U);
 }
 
+TEST(Locker, HasNoVirtualOperationsButItsDestructor)
+{
+    Lockable lockable;
+    const Locker locker(lockable);
+    EXPECT_EQ(CountVirtualSlots(&locker), 2U);
+}
+
 TEST(Locker, CountsAsHoldingOnlyAfterTheLock)
 {
     Lockable lockable;

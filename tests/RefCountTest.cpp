@@ -89,6 +89,12 @@ TEST(RefCount, HasItsDestructorInTheFirstSlots)
     EXPECT_EQ(destroyed, 2);
 }
 
+TEST(RefCount, HasNoVirtualOperationsButItsDestructor)
+{
+    const RefCount counted;
+    EXPECT_EQ(velahost_test::CountVirtualSlots(&counted), 2U);
+}
+
 TEST(RefCount, KeepsTheCountBehindTheVirtualTable)
 {
     int destroyed = 0;
