@@ -24,11 +24,12 @@ struct [[gnu::packed]] IpcMsgBuf
     /// On a queue the message type: 1 addresses the server, anything else is the process id of a
     /// client. On a stream the frame's total length: 8 plus the payload's.
     std::int32_t mtype;
-    /// The connection's id, from 1.
+    /// The connection's id, from 1. On a queue it is what the sender wrote, and so any number.
     std::uint16_t connection;
     /// Which handler the message is for, 0 to 19; 1 is connection control on a queue.
     std::uint16_t category;
-    /// Payload, and room for the bytes that travel behind it.
+    /// Payload, and room for the bytes that travel behind it. That of a received frame goes on
+    /// behind the record when it is longer.
     unsigned char data[s_MsgBufSize - s_MsgHeaderSize];
 };
 

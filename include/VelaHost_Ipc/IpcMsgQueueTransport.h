@@ -49,8 +49,10 @@ public:
     /// What the queue's key is made from, by `ftok`.
     struct Config
     {
-        const char* path; ///< A file that exists; borrowed during construction.
-        char id;          ///< Tells queues with one path apart.
+        /// A file that exists and is never replaced by another one; borrowed during construction.
+        const char* path;
+        /// Tells queues with one path apart; not 0.
+        char id;
     };
 
     /// A client's connection. Free while `pid` is 0.
@@ -73,6 +75,8 @@ public:
     IpcMsgQueueTransport(Config config,
                          IpcConnectionManager<IpcMsgQueueTransport>& connectionManager,
                          IpcLogAdapter* adapter);
+    /// The manager still points to this object, once `Init` has been called: it dispatches nothing
+    /// any more, unless another transport's `Init` takes the category.
     ~IpcMsgQueueTransport() override;
 
     /// Takes category 1 for connection control; returns what `RegisterHandler` returns, 0.
@@ -81,7 +85,7 @@ public:
     /// Waits for one message and dispatches it. An `IpcMsgException`, from the receive (a signal
     /// among others) or from a handler, is logged and ends the pass normally; every other exception
     /// goes to the caller. A message that is too short or too long for the format is logged and
-    /// removed.
+    /// removed. Nobody checks that a message's sender has the connection that it names.
     void Run();
 
     /// Handles a connection-control message.

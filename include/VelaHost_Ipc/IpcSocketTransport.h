@@ -13,6 +13,8 @@ namespace VelaHost_Ipc {
 
 /// Capacity of a connection's receive buffer, and so the longest frame.
 inline constexpr int s_MaxFrameSize = 2048;
+/// Largest payload of a frame.
+inline constexpr int s_MaxStreamPayload = s_MaxFrameSize - s_MsgHeaderSize;
 
 /// The server end of a message service over TCP. A client's connection lasts from being accepted
 /// until the client closes it; its byte stream is cut into `IpcMsgBuf` frames, which go to the
@@ -22,7 +24,8 @@ inline constexpr int s_MaxFrameSize = 2048;
 /// follow it. A shorter one ends the connection, a longer one does once the buffer is full.
 ///
 /// Starts no thread and takes no lock: one thread calls `Run` in a loop, and handlers run on it;
-/// they don't call `Run` themselves. Destruction closes no descriptor.
+/// they don't call `Run` themselves. Destruction closes no descriptor. A client is dropped with
+/// `shutdown(connection.GetSock(), SHUT_RDWR)`: the next pass takes it for closed.
 class VELAHOST_EXPORT IpcSocketTransport
 {
 public:
@@ -91,8 +94,9 @@ public:
     /// nothing sent); the connection stays open. That only a part could be sent is not noticed.
     ///
     /// May be called from any thread, by one at a time per connection, between the connection's
-    /// first message and the end of its `HandleIpcClose`. Another thread takes the `Connection`
-    /// from the thread that calls `Run`: looking it up in the manager is that thread's.
+    /// first message and the end of its `HandleIpcClose`, which therefore waits for that thread;
+    /// see there for a send that waits itself. Another thread takes the `Connection` from the
+    /// thread that calls `Run`: looking it up in the manager is that thread's.
     bool SendMsg(Connection& connection, unsigned int category, IpcMsgBuf& msg, int length);
 
     /// The listening socket, for its descriptor and so its port.

@@ -38,7 +38,8 @@ public:
 
     /// Takes `port` of every local interface; 0 means a free one.
     bool bind(int port);
-    /// Makes the socket file `path`. One that is already there is not removed: it makes this fail.
+    /// Makes the socket file `path`, not empty. One that is already there is not removed: it makes
+    /// this fail.
     bool bind(const std::string& path);
 
     /// Lets clients connect; 5 of them may wait to be accepted.

@@ -245,7 +245,7 @@ void IpcSocketTransport::AcceptClient()
 bool IpcSocketTransport::SendMsg(Connection& connection, unsigned int category, IpcMsgBuf& msg,
                                  int length)
 {
-    if (length < 0 || length > s_MaxFrameSize - s_MsgHeaderSize) {
+    if (length < 0 || length > s_MaxStreamPayload) {
         errno = EMSGSIZE;
         return false;
     }

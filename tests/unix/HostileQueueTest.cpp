@@ -19,6 +19,7 @@
 #include <random>
 #include <sched.h>
 #include <string>
+#include <utility>
 #include <vector>
 
 // What any process can put on the queue: records of every length, every category and control code,
@@ -101,6 +102,26 @@ public:
 
 private:
     const IpcMsgQueue& m_Queue;
+    const Manager& m_Manager;
+};
+
+/// Keeps which connection each message names, and what the manager has under that id.
+class LookingHandler final : public IpcMsgHandler
+{
+public:
+    using Look = std::pair<int, const IpcMsgQueueTransport::Connection*>;
+
+    explicit LookingHandler(const Manager& manager) : m_Manager(manager) {}
+
+    void HandleIpcMessage(IpcMsgBuf& msg, int /*length*/) override
+    {
+        const int id = msg.connection;
+        m_Looks.emplace_back(id, m_Manager.GetConnection(id));
+    }
+
+    std::vector<Look> m_Looks;
+
+private:
     const Manager& m_Manager;
 };
 
@@ -267,6 +288,43 @@ TEST_F(HostileQueue, TellsEveryCategoryThatNobodyHandles)
                     {LogCall::Error("No handler for rcvd msg (category " +
                                     std::to_string(*category++) + ")")}};
     });
+}
+
+TEST_F(HostileQueue, HandsOverDataWhateverConnectionItNames)
+{
+    ExpectGoodClientIsServed();
+    const Connection* const freed = m_Manager.GetConnection(1);
+    ASSERT_NE(freed, nullptr);
+    ASSERT_TRUE(freed->IsFree());
+    m_Log.Take();
+
+    constexpr unsigned int lookedAt = s_EchoCategory + 1;
+    LookingHandler looking(m_Manager);
+    m_Manager.RegisterHandler(&looking, lookedAt);
+    std::vector<std::string> texts;
+    std::vector<LookingHandler::Look> looks;
+    for (const int id : {0, 1, 2, 0x7FFF, 0x8000, 0xFFFF}) {
+        for (const unsigned int category : {lookedAt, s_EchoCategory}) {
+            texts.push_back(MessageText(static_cast<unsigned int>(id), category, "data"));
+        }
+        looks.emplace_back(id, id == 1 ? freed : nullptr);
+    }
+    ExpectTold(texts, [&](const std::string& text) {
+        std::uint16_t header[2]; // connection, category
+        std::memcpy(header, text.data(), sizeof header);
+        Told told{{Received(text)}};
+        if (header[1] == s_EchoCategory) {
+            // It looks for the process to answer to: there is no connection, or nobody has it.
+            told.transport.push_back(RunFailed("0"));
+            told.output =
+                header[0] == 1
+                    ? "IpcMsgException at include/internal/unix/IpcMsgQueue:91\n"
+                    : "IpcMsgException at include/internal/unix/IpcConnectionManager:147\n";
+        }
+        return told;
+    });
+    EXPECT_EQ(looking.m_Looks, looks);
+    EXPECT_EQ(m_Manager.GetConnectionCount(), 1);
 }
 
 TEST_F(HostileQueue, TellsEveryUnknownControlCode)

@@ -205,6 +205,18 @@ TEST_F(IpcConnectionManagerHandlers, AreToldOfACloseInCategoryOrder)
     EXPECT_EQ(m_Calls, expected);
 }
 
+TEST_F(IpcConnectionManagerHandlers, AreToldOfACloseOnceForEachOfTheirCategories)
+{
+    Handler other{8, m_Calls};
+    m_Manager.RegisterHandler(&m_Handler, 2);
+    m_Manager.RegisterHandler(&m_Handler, 3);
+    m_Manager.RegisterHandler(&other, 9);
+    m_Manager.RegisterHandler(&m_Handler, 17);
+    m_Manager.NotifyClose(42);
+    EXPECT_THAT(m_Calls, ElementsAre(std::pair(7, 42), std::pair(7, 42), std::pair(8, 42),
+                                     std::pair(7, 42)));
+}
+
 TEST_F(IpcConnectionManagerConnections, GetIdsFrom1AndAreReusedLowestFirst)
 {
     for (int id = 1; id <= 4; ++id) {

@@ -29,6 +29,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <type_traits>
@@ -45,6 +46,7 @@ using ::testing::ElementsAre;
 using ::testing::Field;
 using ::testing::IsEmpty;
 using ::testing::Ne;
+using ::testing::Pair;
 
 using Manager = IpcConnectionManager<IpcMsgQueueTransport>;
 using Connection = IpcMsgQueueTransport::Connection;
@@ -79,6 +81,22 @@ public:
 
     void HandleIpcMessage(IpcMsgBuf& msg, int length) override { m_OnMessage(msg, length); }
     void HandleIpcClose(int connectionId) override { m_OnClose(connectionId); }
+};
+
+/// Calls a function with the format of every line of detail.
+class ActingLogAdapter final : public IpcLogAdapter
+{
+public:
+    std::function<void(std::string_view)> m_OnDebug = [](std::string_view) {};
+
+    [[gnu::format(printf, 2, 3)]] void LogInfo(const char*, ...) override {}
+    [[gnu::format(printf, 2, 3)]] void LogDebug(const char* format, ...) override
+    {
+        m_OnDebug(format);
+    }
+    [[gnu::format(printf, 2, 3)]] void LogError(const char*, ...) override {}
+    void LogRcvMsg(int, int, const void*, int) override {}
+    void LogSendMsg(int, int, const void*, int) override {}
 };
 
 /// A transport that is ready to run. Clients are played by the test, under any process id.
@@ -738,6 +756,47 @@ TEST_F(IpcMsgQueueTransportDisconnect, TellsEveryHandlerInCategoryOrderAfterTheR
     }
     EXPECT_EQ(told, expected);
     EXPECT_TRUE(m_Manager.GetConnection(1)->IsFree());
+}
+
+TEST_F(IpcMsgQueueTransportDisconnect, FreesTheConnectionBeforeItsLastLine)
+{
+    ActingLogAdapter log;
+    Manager manager(nullptr);
+    IpcMsgQueueTransport transport({m_Key.GetPath(), m_Key.GetId()}, manager, &log);
+    IpcConnectionData data{4001, 1};
+    transport.ConnectReq(data);
+    std::vector<std::pair<std::string, int>> pids; // the connection's, at each line
+    log.m_OnDebug = [&](std::string_view format) {
+        pids.emplace_back(format, manager.RequireConnection(1).pid);
+    };
+    transport.DisconnectReq(data);
+    EXPECT_THAT(pids, ElementsAre(Pair("DisconnectReq(procId=%d)", 4001),
+                                  Pair("Connection %d cleared", 0)));
+}
+
+TEST_F(IpcMsgQueueTransportDisconnect, IsDoneWhenTheAdapterThrowsAtItsLastLine)
+{
+    ActingLogAdapter log;
+    Manager manager(nullptr);
+    IpcMsgQueueTransport transport({m_Key.GetPath(), m_Key.GetId()}, manager, &log);
+    transport.Init();
+    std::vector<int> closed;
+    m_Handler.m_OnClose = [&](int id) { closed.push_back(id); };
+    manager.RegisterHandler(&m_Handler, 2);
+    IpcConnectionData data{4001, 0};
+    transport.ConnectReq(data);
+    log.m_OnDebug = [](std::string_view format) {
+        if (format == "Connection %d cleared") {
+            throw IpcMsgException(s_QueueSendFailed);
+        }
+    };
+    const RawQueue raw(transport.GetQueue().GetId());
+    raw.Send(1, MessageText(0, 1, ControlPayload(3, 0, 1)));
+    CapturedStdout output;
+    EXPECT_NO_THROW(transport.Run());
+    EXPECT_EQ(output.Stop(), s_SendFailedLine);
+    EXPECT_TRUE(manager.RequireConnection(1).IsFree());
+    EXPECT_THAT(closed, ElementsAre(1));
 }
 
 TEST_F(IpcMsgQueueTransportDisconnect, RefusesAnIdThatWasNeverGiven)

@@ -37,6 +37,7 @@
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <type_traits>
 #include <unistd.h>
@@ -134,6 +135,30 @@ void WaitUntilAsleep(pid_t thread)
         }
     }
     throw std::runtime_error("the thread has ended, or the system doesn't tell");
+}
+
+bool IsSendCall(const std::string& number)
+{
+#ifdef SYS_socketcall
+    // i386 has one call for all that sockets do.
+    if (number == std::to_string(SYS_socketcall)) {
+        return true;
+    }
+#endif
+    return number == std::to_string(SYS_sendto);
+}
+
+/// Returns as soon as a thread of this process sleeps inside `send`, by what the system says.
+void WaitUntilSending(pid_t thread)
+{
+    const std::string file = "/proc/self/task/" + std::to_string(thread) + "/syscall";
+    std::string call;
+    do {
+        // The call that the thread sleeps in; "running" while it sleeps in none.
+        if (!(std::ifstream(file) >> call)) {
+            throw std::runtime_error("the thread has ended, or the system doesn't tell");
+        }
+    } while (!IsSendCall(call));
 }
 
 class Transport : public testing::Test
@@ -860,6 +885,18 @@ TEST_F(Transport, DispatchesByCategory)
     EXPECT_THAT(last.messages, ElementsAre(Received{1, 19, "c"}));
 }
 
+TEST_F(Transport, LogsEachMessageBeforeItsHandlerHasIt)
+{
+    const Descriptor client = Connect();
+    std::vector<LogCall> lastLogged;
+    m_Handler.onMessage = [&](const IpcMsgBuf&, int) {
+        lastLogged.push_back(m_Log.GetCalls().back());
+    };
+    Deliver(client, 1, Frame(s_Category, "first") + Frame(s_Category, "second"));
+    EXPECT_THAT(lastLogged, ElementsAre(LogCall::RcvMsg(s_Category, 1, "first"),
+                                        LogCall::RcvMsg(s_Category, 1, "second")));
+}
+
 TEST_F(Transport, LogsToTheManagersAdapterWhenThereIsNoHandler)
 {
     const Descriptor client = Connect();
@@ -985,6 +1022,31 @@ TEST_F(Transport, AbsorbsWhatItsAdapterThrowsBeforeTheDispatching)
     }
 }
 
+TEST_F(Transport, AbsorbsWhatItsAdapterThrowsAfterAClose)
+{
+    ActingLogAdapter log;
+    SocketService service(&log, nullptr);
+    service.manager.RegisterHandler(&m_Handler, s_Category);
+    Descriptor client = service.Connect();
+    const int sock = service.GetSock(1);
+    log.onStep = [](std::string_view format) {
+        if (format == "Connection %d cleared") {
+            throw IpcMsgException(s_HandlersSite);
+        }
+    };
+    client.Close();
+    WaitForBytes(sock, 1);
+    EXPECT_NO_THROW(service.transport.Run());
+    EXPECT_THAT(log.errors, ElementsAre("Exception caught in Run(): IpcMsgException"));
+    EXPECT_FALSE(IsOpen(sock));
+    ASSERT_TRUE(service.Get(1).IsFree());
+    const Descriptor newcomer = service.Connect();
+    service.Deliver(newcomer, 1, Frame(s_Category, "fresh"));
+    EXPECT_THAT(m_Handler.messages, ElementsAre(Message(1, "fresh")));
+    EXPECT_THAT(m_Handler.closed, ElementsAre(1));
+    EXPECT_THAT(log.errors, SizeIs(1));
+}
+
 TEST_F(Transport, LogsTheTextOfAnyExceptionOfTheFamily)
 {
     const Descriptor client = Connect();
@@ -1055,28 +1117,59 @@ TEST_F(Transport, DispatchesNothingAgainWhenAHandlerThrewAtTheCloseForAShortFram
 
 TEST_F(Transport, TellsEveryHandlerInCategoryOrderThenClosesThenLogs)
 {
-    std::vector<int> order;
+    constexpr const char* cleared = "Connection %d cleared";
+    ActingLogAdapter log;
+    SocketService service(&log, nullptr);
+    Descriptor client = service.Connect();
+    const int sock = service.GetSock(1);
+    std::vector<int> told;
+    std::vector<std::string> steps;
     std::vector<std::unique_ptr<RecordingHandler>> handlers;
-    Descriptor client = Connect();
-    const int sock = m_Service->GetSock(1);
-    for (const int category : {19, 3, 0}) {
+    for (const int category : {19, 5, 3, 0}) {
         handlers.push_back(std::make_unique<RecordingHandler>());
         handlers.back()->onClose = [&, category](int id) {
             EXPECT_EQ(id, 1);
             EXPECT_TRUE(IsOpen(sock));
-            EXPECT_THAT(m_Log.GetCalls(), Not(Contains(Cleared(1))));
-            order.push_back(category);
+            EXPECT_EQ(service.GetSock(1), sock);
+            EXPECT_THAT(steps, Not(Contains(cleared)));
+            told.push_back(category);
         };
-        m_Service->manager.RegisterHandler(handlers.back().get(), category);
+        service.manager.RegisterHandler(handlers.back().get(), category);
     }
-    m_Handler.onClose = [&](int) { order.push_back(s_Category); };
-    m_Log.Take();
+    log.onStep = [&](std::string_view format) {
+        steps.emplace_back(format);
+        if (format == cleared) {
+            EXPECT_THAT(told, SizeIs(4));
+            EXPECT_FALSE(IsOpen(sock));
+            EXPECT_TRUE(service.Get(1).IsFree());
+        }
+    };
     client.Close();
-    RunClose(1);
-    EXPECT_THAT(order, ElementsAre(0, 3, s_Category, 19));
+    WaitForBytes(sock, 1);
+    service.transport.Run();
+    EXPECT_THAT(told, ElementsAre(0, 3, 5, 19));
+    EXPECT_THAT(steps, ElementsAre("Adding Cx %d (socket %d) to select set", "select with max=%d",
+                                   cleared));
     EXPECT_FALSE(IsOpen(sock));
+    EXPECT_TRUE(service.Get(1).IsFree());
+}
+
+TEST_F(Transport, TellsOnceOfACloseThatAHandlerBroughtAbout)
+{
+    const Descriptor client = Connect();
+    m_Handler.onMessage = [&](const IpcMsgBuf& msg, int) {
+        shutdown(m_Service->GetSock(msg.connection), SHUT_RDWR);
+    };
+    Deliver(client, 1, Frame(s_Category, "first") + Frame(s_Category, "second"));
+    EXPECT_THAT(m_Handler.messages, ElementsAre(Message(1, "first"), Message(1, "second")));
+    EXPECT_THAT(m_Handler.closed, IsEmpty());
+    RunClose(1);
+    EXPECT_THAT(m_Handler.closed, ElementsAre(1));
     EXPECT_TRUE(m_Service->Get(1).IsFree());
-    EXPECT_THAT(m_Log.Take(), ElementsAre(Adding(1, sock), Selecting(sock + 1), Cleared(1)));
+    EXPECT_EQ(ReadExactly(client.Get(), 1), "");
+    const Descriptor newcomer = Connect();
+    EXPECT_FALSE(m_Service->Get(1).IsFree());
+    EXPECT_THAT(m_Handler.closed, ElementsAre(1));
 }
 
 TEST_F(Transport, ClosesAConnectionThatIsResetAfterPrintingTheError)
@@ -1301,9 +1394,14 @@ TEST_F(Transport, SendsAFrameAndLogsItBefore)
     message.mtype = 99;
     message.connection = 0xabcd;
     std::memcpy(message.data, "reply!", 6);
-    CallCounter calls("send");
+    std::vector<std::vector<LogCall>> loggedBefore;
+    const Hook hook(interposed::send,
+                    [&](int, const void*, std::size_t, int) -> std::optional<ssize_t> {
+                        loggedBefore.push_back(m_Log.GetCalls());
+                        return std::nullopt;
+                    });
     EXPECT_TRUE(m_Transport.SendMsg(m_Service->Get(1), 7, message, 6));
-    EXPECT_EQ(calls.GetCallCount(), 1U);
+    EXPECT_THAT(loggedBefore, ElementsAre(ElementsAre(LogCall::SendMsg(7, 1, "reply!"))));
     // Written out byte by byte: this is what clients in other languages read.
     EXPECT_EQ(ReadExactly(client.Get(), 14), std::string("\x0e\0\0\0"
                                                          "\xcd\xab"
@@ -1612,6 +1710,43 @@ TEST_F(Transport, SendsFromAnotherThreadWhileItRuns)
         m_Transport.Run();
     }
     EXPECT_THAT(m_Handler.messages, SizeIs(requestCount));
+}
+
+TEST_F(Transport, LetsAHandlerEndASendThatItsClientKeepsWaiting)
+{
+    std::atomic<pid_t> sender{0};
+    int error = 0;
+    std::jthread responder;
+    // Goes before the thread, also when the test fails: the send ends with its client.
+    const Descriptor client = Connect();
+    const int sock = m_Service->GetSock(1);
+    m_Handler.onMessage = [&](const IpcMsgBuf& msg, int) {
+        const int smallBuffer = 4096;
+        EXPECT_EQ(setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &smallBuffer, sizeof smallBuffer), 0);
+        responder = std::jthread([&, connection = &m_Service->Get(msg.connection)] {
+            sender = gettid();
+            sender.notify_one();
+            LargeMessage message{};
+            while (m_Transport.SendMsg(*connection, 7, message.head, s_LongestPayload)) {
+            }
+            error = errno;
+        });
+    };
+    m_Handler.onClose = [&](int id) {
+        EXPECT_TRUE(IsOpen(sock));
+        shutdown(m_Service->GetSock(id), SHUT_RDWR);
+        responder.join();
+    };
+    Deliver(client, 1, Frame(s_Category, "request"));
+    sender.wait(0);
+    WaitUntilSending(sender);
+    // The client reads nothing, but says that it has nothing more to send.
+    shutdown(client.Get(), SHUT_WR);
+    RunClose(1);
+    EXPECT_EQ(error, EPIPE);
+    EXPECT_THAT(m_Handler.closed, ElementsAre(1));
+    EXPECT_TRUE(m_Service->Get(1).IsFree());
+    EXPECT_FALSE(IsOpen(sock));
 }
 
 } // namespace

@@ -18,6 +18,9 @@
 #include <iostream>
 #include <locale>
 #include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -718,6 +721,60 @@ TEST(SocketConnect, NeedsADescriptorOfTheRightFamily)
     EXPECT_FALSE(inet.connect("path"));
     EXPECT_EQ(calls.GetCallCount(), 0U);
     EXPECT_EQ(errno, 0);
+}
+
+// --- The empty path -------------------------------------------------------------------------
+
+/// The whole address record with these bytes in front of its path field, and zeros behind.
+std::string LocalRecord(std::string_view pathBytes)
+{
+    sockaddr_un record{};
+    record.sun_family = AF_UNIX;
+    std::memcpy(record.sun_path, pathBytes.data(), pathBytes.size());
+    return {reinterpret_cast<const char*>(&record), sizeof record};
+}
+
+TEST(SocketPath, IsARecordOfZerosWhenEmptyOnAFreshObject)
+{
+    // The system isn't asked: all who did this at once would have the same address.
+    std::vector<std::string> records;
+    const auto note = [&](int, const sockaddr* address, socklen_t length) -> std::optional<int> {
+        records.emplace_back(reinterpret_cast<const char*>(address), length);
+        return 0;
+    };
+    const Hook bindHook(interposed::bind, note);
+    const Hook connectHook(interposed::connect, note);
+    OwnedSocket server;
+    ASSERT_TRUE(server.create(AF_UNIX));
+    EXPECT_TRUE(server.bind(""));
+    OwnedSocket client;
+    ASSERT_TRUE(client.create(AF_UNIX));
+    EXPECT_TRUE(client.connect(""));
+    EXPECT_THAT(records, ElementsAre(LocalRecord(""), LocalRecord("")));
+}
+
+TEST(SocketPath, NamesNoFileWhenEmptyButWhatIsLeftOfTheOneBefore)
+{
+    const TemporaryDirectory directory;
+    const std::string path = directory.File("socket");
+    OwnedSocket listener;
+    ASSERT_TRUE(listener.create(AF_UNIX));
+    ASSERT_TRUE(listener.bind(path));
+    listener.close();
+    ASSERT_TRUE(listener.create(AF_UNIX));
+    ASSERT_TRUE(listener.bind(""));
+    ASSERT_TRUE(listener.listen());
+    sockaddr_un name{};
+    socklen_t length = sizeof name;
+    ASSERT_EQ(getsockname(listener.GetSock(), reinterpret_cast<sockaddr*>(&name), &length), 0);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&name), length),
+              LocalRecord('\0' + path.substr(1)));
+
+    OwnedSocket client;
+    ASSERT_TRUE(client.create(AF_UNIX));
+    EXPECT_FALSE(client.connect(path));
+    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_TRUE(client.connect(""));
 }
 
 // --- send -----------------------------------------------------------------------------------

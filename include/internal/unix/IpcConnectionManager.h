@@ -103,7 +103,8 @@ public:
         }
     }
 
-    /// Tells every handler, in category order, that a connection has gone.
+    /// Tells every handler, in category order, that a connection has gone: once for each of its
+    /// categories.
     void NotifyClose(int connectionId)
     {
         for (IpcMsgHandler* handler : handlers) {
