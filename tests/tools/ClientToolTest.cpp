@@ -1,4 +1,6 @@
+#include "support/ChildProcess.h"
 #include "support/RawQueue.h"
+#include "support/TemporaryDirectory.h"
 #include "tools/EchoServer.h"
 #include "tools/ManualPage.h"
 #include "tools/ToolProcess.h"
@@ -8,8 +10,11 @@
 #include <nlohmann/json.hpp>
 
 #include <csignal>
+#include <fcntl.h>
+#include <fstream>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -82,6 +87,25 @@ TEST_F(ClientToolOnQueue, ReleasesItsConnection)
     EXPECT_EQ(NextConnection(m_Options), 1);
 }
 
+TEST_F(ClientToolOnQueue, TakesNoReplyToAnEarlierProcessOfItsIdForItsOwn)
+{
+    const TemporaryDirectory directory;
+    const std::string output = directory.File("output");
+    ChildProcess tool([&] {
+        const RawQueue queue(m_Server.GetQueue());
+        queue.Send(getpid(), MessageText(0, 1, ControlPayload(2, getpid(), 7)));
+        queue.Send(getpid(), MessageText(7, 2, std::string(600, 'x')));
+        dup2(open(output.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), STDOUT_FILENO);
+        execl(TOOL, TOOL, "connect", "--queue", m_Server.GetAddress().c_str(), nullptr);
+        return 127;
+    });
+    EXPECT_EQ(tool.WaitForExitStatus(), 0);
+    std::ifstream file(output);
+    std::string line;
+    std::getline(file, line);
+    EXPECT_THAT(line, EndsWith(" had connection 1"));
+}
+
 TEST_F(ClientToolOnQueue, SendsATextAndPrintsTheAnswer)
 {
     const ToolResult result = Client({"send", "2", "hello", "--answer"});
@@ -123,14 +147,14 @@ TEST_F(ClientToolOverTcp, RefusesAPayloadThatNoFrameHolds)
     const ToolResult result = Client({"send", "2", "@" + file});
     EXPECT_EQ(result.errors,
               "velahost-client: a payload of 2041 bytes; the transport takes 2040\n");
-    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.status, 2);
 }
 
 TEST_F(ClientToolOnQueue, RefusesAPayloadThatNoMessageHolds)
 {
     const TemporaryDirectory directory;
     const std::string file = directory.WriteFile("payload", std::string(501, 'p'));
-    EXPECT_EQ(Client({"send", "2", "@" + file}).status, 1);
+    EXPECT_EQ(Client({"send", "2", "@" + file}).status, 2);
     EXPECT_EQ(NextConnection(m_Options), 1);
 }
 
@@ -273,12 +297,14 @@ TEST(ClientToolUsage, AServerThatIsNotThereIsReported)
 TEST(ClientToolUsage, AnAddressOfAnotherFormIsReported)
 {
     for (const char* address : {"localhost:80", "127.0.0.1", "127.0.0.1:x", "127.0.0.1:99999"}) {
-        EXPECT_EQ(RunTool({TOOL, "connect", "--tcp", address}).errors,
-                  std::string("velahost-client: not HOST:PORT: ") + address + "\n");
+        const ToolResult result = RunTool({TOOL, "connect", "--tcp", address});
+        EXPECT_EQ(result.errors, std::string("velahost-client: not HOST:PORT: ") + address + "\n");
+        EXPECT_EQ(result.status, 2);
     }
     for (const char* address : {"/tmp", "/tmp:", "/tmp:ab"}) {
-        EXPECT_EQ(RunTool({TOOL, "connect", "--queue", address}).errors,
-                  std::string("velahost-client: not PATH:ID: ") + address + "\n");
+        const ToolResult result = RunTool({TOOL, "connect", "--queue", address});
+        EXPECT_EQ(result.errors, std::string("velahost-client: not PATH:ID: ") + address + "\n");
+        EXPECT_EQ(result.status, 2);
     }
 }
 

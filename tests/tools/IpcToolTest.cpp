@@ -82,9 +82,15 @@ std::vector<std::string> Unrelated()
 }
 
 constexpr const char* s_Hidden = " may not be looked into: ";
+constexpr const char* s_Unplaced = " may have locks anywhere: ";
+
+bool TellsOfHidden(const std::string& text)
+{
+    return text.find(s_Hidden) != std::string::npos || text.find(s_Unplaced) != std::string::npos;
+}
 
 /// Calls `look` again while somebody is hidden: a process that is just starting or ending, and that
-/// `Unrelated` can't have named yet, is so for a moment.
+/// `Unrelated` can't have named yet, is so for a moment, and so are those of other tests.
 template <typename Look, typename IsHidden>
 auto UntilNobodyIsHidden(const Look& look, const IsHidden& isHidden)
 {
@@ -96,13 +102,11 @@ auto UntilNobodyIsHidden(const Look& look, const IsHidden& isHidden)
     return seen;
 }
 
-json ShowToRoot(const std::string& handle)
+json ShowToRoot(const std::string& handle, const std::vector<std::string>& options = {})
 {
-    return UntilNobodyIsHidden([&] { return Show(std::vector{handle} + Unrelated()); },
-                               [](const json& shown) {
-                                   return shown.value("reason", "").find(s_Hidden) !=
-                                          std::string::npos;
-                               });
+    return UntilNobodyIsHidden(
+        [&] { return Show(std::vector{handle} + options + Unrelated()); },
+        [](const json& shown) { return TellsOfHidden(shown.value("reason", "")); });
 }
 
 ToolResult Clean(const std::string& handle, const std::vector<std::string>& options,
@@ -113,7 +117,7 @@ ToolResult Clean(const std::string& handle, const std::vector<std::string>& opti
             return RunTool(std::vector<std::string>{TOOL, "clean", handle} + options + Unrelated(),
                            input);
         },
-        [](const ToolResult& result) { return result.errors.find(s_Hidden) != std::string::npos; });
+        [](const ToolResult& result) { return TellsOfHidden(result.errors); });
 }
 
 /// The roles of the processes that have to do with an object, by their ids.
@@ -415,6 +419,66 @@ TEST_F(IpcToolLock, StaysWhileAProcessOfTheSameInstallationLives)
     EXPECT_TRUE(HasFile());
 }
 
+/// A client of `server` that was started in `folder` with that name for its install directory.
+ToolProcess StartIn(const std::string& folder, const std::string& installDirectory,
+                    const QueueEchoServer& server)
+{
+    const InstallVariable variable(installDirectory);
+    return ToolProcess({"/bin/sh", "-c", "cd \"$0\" && exec \"$@\"", folder, CLIENT_TOOL, "listen",
+                        "--queue", server.GetAddress()});
+}
+
+TEST_F(IpcToolLock, StaysWhileAProcessLivesThatNamesTheInstallationOtherwise)
+{
+    Owner(HoldLock).Kill();
+    const QueueEchoServer server;
+    const TemporaryDirectory elsewhere;
+    std::filesystem::create_directory_symlink(m_Install.GetPath(), elsewhere.File("link"));
+    for (const std::string& name :
+         {m_Install.GetPath() + "/", elsewhere.File("link"), std::string(".")}) {
+        ToolProcess other = StartIn(m_Install.GetPath(), name, server);
+        other.ReadErrorLine();
+        EXPECT_THAT(Users(Show({s_LockHandle})),
+                    Contains(std::pair(other.GetPid(), "of the same installation")))
+            << name;
+        EXPECT_EQ(Clean(s_LockHandle, s_AtOnce).status, 1) << name;
+        EXPECT_TRUE(HasFile()) << name;
+    }
+}
+
+TEST_F(IpcToolLock, IsAbandonedThoughAProcessOfAnotherInstallationLives)
+{
+    Owner(HoldLock).Kill();
+    const QueueEchoServer server;
+    const TemporaryDirectory elsewhere; // without a folder for locks
+    ToolProcess other = StartIn(m_Install.GetPath(), elsewhere.GetPath(), server);
+    other.ReadErrorLine();
+    EXPECT_EQ(ShowToRoot(s_LockHandle)["state"], "abandoned");
+}
+
+TEST_F(IpcToolLock, StaysWhileAProcessLivesWhoseInstallationIsNotWhereItWas)
+{
+    Owner(HoldLock).Kill();
+    const QueueEchoServer server;
+    const TemporaryDirectory elsewhere;
+    ToolProcess other = StartIn(m_Install.GetPath(), elsewhere.File("moved"), server);
+    other.ReadErrorLine();
+    const std::string pid = std::to_string(other.GetPid());
+    const json shown = UntilNobodyIsHidden(
+        [] { return Show(std::vector<std::string>{s_LockHandle} + Unrelated()); },
+        [](const json& seen) {
+            return seen.value("reason", "").find(s_Hidden) != std::string::npos;
+        });
+    EXPECT_EQ(shown["state"], "uncertain");
+    const std::string reason = shown.value("reason", "");
+    EXPECT_THAT(reason, HasSubstr(s_Unplaced));
+    EXPECT_THAT(reason + ' ', HasSubstr(' ' + pid + ' '));
+    EXPECT_EQ(RunTool(std::vector<std::string>{TOOL, "clean", s_LockHandle} + s_AtOnce).status, 1);
+    EXPECT_TRUE(HasFile());
+
+    EXPECT_EQ(ShowToRoot(s_LockHandle, {"--unrelated", pid})["state"], "abandoned");
+}
+
 TEST_F(IpcToolLock, IsKnownWithoutItsSemaphore)
 {
     Owner(HoldLock).Kill();
@@ -546,16 +610,16 @@ TEST(IpcToolClean, WithoutHandlesRemovesWhatIsAbandonedAndNothingElse)
     });
     const std::string handle = abandoned.GetHandle();
     std::string removed;
-    UntilNobodyIsHidden(
-        [&] {
-            const ToolResult result =
+    const ToolResult result = UntilNobodyIsHidden(
+        [&removed] {
+            ToolResult cleaned =
                 RunTool(std::vector<std::string>{TOOL, "clean"} + s_AtOnce + Unrelated());
-            EXPECT_EQ(result.errors, "");
-            EXPECT_EQ(result.status, 0);
-            removed += result.output;
-            return removed;
+            removed += cleaned.output;
+            return cleaned;
         },
-        [&](const std::string& /*removed*/) { return abandoned.GetId() != -1; });
+        [](const ToolResult& cleaned) { return TellsOfHidden(cleaned.errors); });
+    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(result.status, 0);
     EXPECT_THAT(removed, AnyOf("removed " + handle + "\nremoved lock:mutex\n",
                                "removed lock:mutex\nremoved " + handle + "\n"));
     EXPECT_EQ(abandoned.GetId(), -1);

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <memory>
+#include <stdexcept>
 #include <string>
 #include <unistd.h>
 
@@ -44,48 +44,6 @@ struct Options
     BenchPlan plan;
 };
 
-/// A connection to the server that is closed also when something goes wrong.
-class Session
-{
-public:
-    explicit Session(const Options& options)
-    {
-        if (options.queue.empty()) {
-            m_Channel = std::make_unique<TcpChannel>(options.tcp);
-            return;
-        }
-        auto queue = std::make_unique<QueueChannel>(options.queue);
-        m_ConnectionId = queue->Connect();
-        m_Channel = std::move(queue);
-    }
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
-    ~Session()
-    {
-        try {
-            if (m_Channel) {
-                m_Channel->Close();
-            }
-        } catch (...) {
-            // What made the session end is reported; that this failed, too, tells nothing more.
-        }
-    }
-
-    Channel& GetChannel() { return *m_Channel; }
-    /// 0 over TCP, where a client isn't told.
-    int GetConnectionId() const { return m_ConnectionId; }
-
-    void Close()
-    {
-        const std::unique_ptr<Channel> channel = std::move(m_Channel);
-        channel->Close();
-    }
-
-private:
-    std::unique_ptr<Channel> m_Channel;
-    int m_ConnectionId = 0;
-};
-
 void PrintMessage(const Message& message, bool json)
 {
     if (json) {
@@ -107,7 +65,7 @@ milliseconds ToMilliseconds(double seconds)
 
 ExitStatus Connect(const Options& options)
 {
-    Session session(options);
+    Session session(options.queue, options.tcp);
     const int id = session.GetConnectionId();
     session.Close();
     if (options.json) {
@@ -124,7 +82,7 @@ ExitStatus Send(const Options& options)
 {
     const std::string payload =
         options.text.starts_with('@') ? ReadFile(options.text.substr(1)) : options.text;
-    Session session(options);
+    Session session(options.queue, options.tcp);
     session.GetChannel().Send(options.category, payload);
     if (options.answer) {
         PrintMessage(session.GetChannel().ReceiveAnswer(ToMilliseconds(options.within)),
@@ -139,7 +97,7 @@ ExitStatus Listen(const Options& options)
     using Clock = std::chrono::steady_clock;
     constexpr milliseconds look{1000}; // a signal between a look and the wait is seen at the next
     const milliseconds silence = ToMilliseconds(options.silence);
-    Session session(options);
+    Session session(options.queue, options.tcp);
     std::fprintf(stderr, "listening as process %d\n", getpid());
     auto lastMessage = Clock::now();
     for (std::size_t received = 0;
@@ -164,7 +122,7 @@ ExitStatus Listen(const Options& options)
 
 ExitStatus Bench(const Options& options)
 {
-    Session session(options);
+    Session session(options.queue, options.tcp);
     if (options.plan.size > session.GetChannel().GetMaxPayload()) {
         throw ToolError(CannotAnswer, "the transport takes payloads of at most " +
                                           std::to_string(session.GetChannel().GetMaxPayload()) +
@@ -245,6 +203,17 @@ struct Commands
     CLI::App* bench;
 };
 
+ExitStatus Run(const Commands& commands, const Options& options)
+{
+    if (commands.connect->parsed()) {
+        return Connect(options);
+    }
+    if (commands.send->parsed()) {
+        return Send(options);
+    }
+    return commands.listen->parsed() ? Listen(options) : Bench(options);
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -255,13 +224,11 @@ int main(int argc, char** argv)
     const Commands commands(app, options);
     const auto run = [&commands, &options] {
         StopOnSignals();
-        if (commands.connect->parsed()) {
-            return Connect(options);
+        try {
+            return Run(commands, options);
+        } catch (const std::invalid_argument& e) {
+            throw ToolError(CannotAnswer, e.what());
         }
-        if (commands.send->parsed()) {
-            return Send(options);
-        }
-        return commands.listen->parsed() ? Listen(options) : Bench(options);
     };
     return RunTool(app, argc, argv, run, Refused);
 }

@@ -90,6 +90,16 @@ std::string Count(unsigned long long count, const std::string& what)
     return std::to_string(count) + ' ' + what + (count == 1 ? "" : plural);
 }
 
+/// "2 processes WHAT: 4711 4712"
+std::string NameAll(const std::vector<pid_t>& pids, const std::string& what)
+{
+    std::string text = Count(pids.size(), "process") + ' ' + what + ':';
+    for (const pid_t pid : pids) {
+        text += ' ' + std::to_string(pid);
+    }
+    return text;
+}
+
 /// Collects the living processes that have to do with an object, each once.
 class UserList
 {
@@ -127,10 +137,7 @@ public:
             m_Object.state = State::Abandoned;
         } else {
             m_Object.state = State::Uncertain;
-            m_Object.reason = Count(opaque.size(), "process") + " may not be looked into:";
-            for (const pid_t pid : opaque) {
-                m_Object.reason += ' ' + std::to_string(pid);
-            }
+            m_Object.reason = NameAll(opaque, "may not be looked into");
         }
     }
 
@@ -207,12 +214,6 @@ fs::path LockDirectory()
     return VelaHost_OS::ProcessMutex("").GetPath();
 }
 
-std::optional<std::string> OwnInstallDirectory()
-{
-    const char* directory = std::getenv("KAVRI_VELA_DIR");
-    return directory != nullptr ? std::optional<std::string>(directory) : std::nullopt;
-}
-
 std::optional<Semaphore> FindSemaphoreOf(const fs::path& lockFile)
 {
     const key_t key = ftok(lockFile.c_str(), s_LockProject);
@@ -238,7 +239,7 @@ std::optional<Lock> FindLock(const std::string& name)
     }
     lock.semaphore = FindSemaphoreOf(lock.path);
     // In the folder that everybody uses for everything the content is not proof enough.
-    const bool foldersOwn = OwnInstallDirectory().has_value();
+    const bool foldersOwn = std::getenv("KAVRI_VELA_DIR") != nullptr;
     return lock.semaphore || foldersOwn ? std::optional(lock) : std::nullopt;
 }
 
@@ -269,7 +270,7 @@ Object DescribeLock(const Processes& processes, const Lock& lock)
                       {"marked", lock.marked}};
     object.lastUsed = lock.file.st_mtime;
     UserList users(processes, object);
-    const std::pair file(lock.file.st_dev, lock.file.st_ino);
+    const FileId file(lock.file.st_dev, lock.file.st_ino);
     users.AddAll([&file](const Process& process) { return process.openFiles.contains(file); },
                  "has the file open");
     if (lock.semaphore) {
@@ -285,12 +286,17 @@ Object DescribeLock(const Processes& processes, const Lock& lock)
         object.details["semaphore"] = nullptr;
     }
     // Whoever attached to the mutex long ago left no trace but these.
+    const std::optional<FileId> folder = Identify(LockDirectory());
     users.AddAll(
-        [](const Process& process) {
-            return process.usesLibrary && process.installDirectory == OwnInstallDirectory();
+        [&folder](const Process& process) {
+            return process.lockFolder && process.lockFolder == folder;
         },
         "of the same installation");
     users.Conclude();
+    if (object.state == State::Abandoned && !processes.GetUnplaced().empty()) {
+        object.state = State::Uncertain;
+        object.reason = NameAll(processes.GetUnplaced(), "may have locks anywhere");
+    }
     if (object.state == State::Abandoned && !lock.marked && !lock.semaphore) {
         object.state = State::Uncertain;
         object.reason = "nothing proves that the empty file is a lock";
@@ -384,7 +390,7 @@ Object DescribeMemory(const Processes& processes, const fs::path& path, const st
     users.AddAll(
         [&path](const Process& process) { return process.sharedFiles.contains(path.string()); },
         "has it mapped");
-    const std::pair identity(file.st_dev, file.st_ino);
+    const FileId identity(file.st_dev, file.st_ino);
     users.AddAll(
         [&identity](const Process& process) { return process.openFiles.contains(identity); },
         "has it open");

@@ -3,12 +3,12 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string_view>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -123,23 +123,33 @@ void ReadMappings(const fs::path& directory, Process& process)
     }
 }
 
-void ReadEnvironment(const fs::path& directory, Process& process)
+void ReadLockFolder(const fs::path& directory, Process& process)
 {
+    fs::path folder = "/tmp";
     std::istringstream variables(Read(directory / "environ", process));
     for (std::string variable; std::getline(variables, variable, '\0');) {
         if (variable.starts_with(s_InstallVariable)) {
-            process.installDirectory = variable.substr(s_InstallVariable.size());
+            folder = variable.substr(s_InstallVariable.size()) + "/temp";
+            break; // later ones of the name count for nobody
         }
     }
+    // Its root and its working directory may be others than ours.
+    const fs::path seen = folder.is_absolute() ? directory / "root" / folder.relative_path()
+                                               : directory / "cwd" / folder;
+    process.lockFolder = Identify(seen);
+    // There are no locks where only the last folder is missing; where more is, it may have been
+    // moved since.
+    std::error_code error;
+    const bool missing = fs::status(seen, error).type() == fs::file_type::not_found &&
+                         fs::exists(seen.parent_path(), error);
+    process.lockFolderHidden = !process.lockFolder && !missing;
 }
 
 void ReadDescriptors(const fs::path& directory, Process& process)
 {
     for (const fs::path& descriptor : List(directory / "fd", process)) {
-        struct stat status
-        {};
-        if (stat(descriptor.c_str(), &status) == 0) {
-            process.openFiles.emplace(status.st_dev, status.st_ino);
+        if (const std::optional<FileId> file = Identify(descriptor)) {
+            process.openFiles.insert(*file);
         }
     }
 }
@@ -217,10 +227,12 @@ Process Look(const fs::path& directory)
     process.zombie = !thread;
     if (thread) {
         ReadMappings(*thread, process);
-        ReadEnvironment(*thread, process);
+        if (process.usesLibrary) {
+            ReadLockFolder(*thread, process);
+        }
         ReadDescriptors(*thread, process);
         ReadWaits(directory, process);
-        if (process.opaque && !FindLiveThread(directory, process)) {
+        if ((process.opaque || process.lockFolderHidden) && !FindLiveThread(directory, process)) {
             // It has ended meanwhile: nothing was kept from us.
             Process ended;
             ended.name = process.name;
@@ -232,6 +244,16 @@ Process Look(const fs::path& directory)
 }
 
 } // namespace
+
+std::optional<FileId> Identify(const fs::path& path)
+{
+    struct stat status
+    {};
+    if (stat(path.c_str(), &status) == -1) {
+        return std::nullopt;
+    }
+    return FileId(status.st_dev, status.st_ino);
+}
 
 Processes::Processes(const std::set<pid_t>& unrelated)
 {
@@ -246,6 +268,9 @@ Processes::Processes(const std::set<pid_t>& unrelated)
             const Process process = Look(entry.path());
             if (process.opaque && !unrelated.contains(pid)) {
                 m_Opaque.push_back(pid);
+            }
+            if (process.lockFolderHidden && !unrelated.contains(pid)) {
+                m_Unplaced.push_back(pid);
             }
             m_All.emplace(pid, process);
         } catch (const Gone&) {

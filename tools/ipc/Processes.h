@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <set>
@@ -7,6 +8,12 @@
 #include <sys/types.h>
 #include <utility>
 #include <vector>
+
+/// A file or a folder, whatever path leads to it.
+using FileId = std::pair<dev_t, ino_t>;
+
+/// Nothing when it can't be examined, or isn't there.
+std::optional<FileId> Identify(const std::filesystem::path& path);
 
 /// What the kernel tells about a process, as far as it bears on this library's objects.
 struct Process
@@ -16,9 +23,12 @@ struct Process
     /// Something below could not be read: the process is somebody else's.
     bool opaque = false;
     bool usesLibrary = false;
-    /// The install directory in the environment that it was started with.
-    std::optional<std::string> installDirectory;
-    std::set<std::pair<dev_t, ino_t>> openFiles;
+    /// Where the environment that it was started with puts its locks; nothing when that folder
+    /// isn't there. Only of a process that uses the library.
+    std::optional<FileId> lockFolder;
+    /// It could not be found out which folder that is.
+    bool lockFolderHidden = false;
+    std::set<FileId> openFiles;
     /// Paths of files that it has mapped shared.
     std::set<std::string> sharedFiles;
     /// What its threads are waiting for.
@@ -31,7 +41,7 @@ struct Process
 class Processes
 {
 public:
-    /// `unrelated` are known to have nothing to do with the library, even if they are opaque.
+    /// `unrelated` are known to use nothing that is looked for, whatever can't be seen of them.
     explicit Processes(const std::set<pid_t>& unrelated = {});
 
     const std::map<pid_t, Process>& GetAll() const { return m_All; }
@@ -39,8 +49,11 @@ public:
     const Process* FindAlive(pid_t pid) const;
     /// Those that may use anything, for all that can be seen.
     const std::vector<pid_t>& GetOpaque() const { return m_Opaque; }
+    /// Those that may use locks in any folder, for all that can be seen.
+    const std::vector<pid_t>& GetUnplaced() const { return m_Unplaced; }
 
 private:
     std::map<pid_t, Process> m_All;
     std::vector<pid_t> m_Opaque;
+    std::vector<pid_t> m_Unplaced;
 };

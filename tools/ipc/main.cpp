@@ -203,7 +203,7 @@ int main(int argc, char** argv)
                 [&options](const std::vector<pid_t>& pids) {
                     options.unrelated.insert(pids.begin(), pids.end());
                 },
-                "A process that has nothing to do with the library, though it can't be looked into")
+                "A process that is known to use none of the objects, though that can't be seen")
             ->type_name("PID")
             ->allow_extra_args(false);
     }
