@@ -1,5 +1,6 @@
 #include "Channel.h"
 
+#include <VelaHost_Ipc/IpcSocketTransport.h>
 #include <VelaHost_OS/SystemInfo.h>
 
 #include <algorithm>
@@ -18,9 +19,6 @@ using namespace VelaHost_Ipc;
 using std::chrono::milliseconds;
 
 namespace {
-
-/// The largest frame that a server takes or sends.
-constexpr std::size_t s_MaxFrame = 2048;
 
 struct FrameHeader
 {
@@ -67,9 +65,9 @@ milliseconds TimeUntil(std::chrono::steady_clock::time_point end)
 void CheckPayload(const Channel& channel, std::string_view payload)
 {
     if (payload.size() > channel.GetMaxPayload()) {
-        throw std::runtime_error("a payload of " + std::to_string(payload.size()) +
-                                 " bytes; the transport takes " +
-                                 std::to_string(channel.GetMaxPayload()));
+        throw std::invalid_argument("a payload of " + std::to_string(payload.size()) +
+                                    " bytes; the transport takes " +
+                                    std::to_string(channel.GetMaxPayload()));
     }
 }
 
@@ -96,7 +94,7 @@ std::string QueueChannel::PathOfExistingQueue(const std::string& address)
 {
     const std::size_t colon = address.rfind(':');
     if (colon == std::string::npos || colon + 2 != address.size()) {
-        throw std::runtime_error("not PATH:ID: " + address);
+        throw std::invalid_argument("not PATH:ID: " + address);
     }
     std::string path = address.substr(0, colon);
     const key_t key = ftok(path.c_str(), address.back());
@@ -108,6 +106,10 @@ std::string QueueChannel::PathOfExistingQueue(const std::string& address)
 
 int QueueChannel::Connect()
 {
+    // An earlier process may have had our id and died before it took its messages.
+    long type = 0;
+    while (msgrcv(m_Queue.GetId(), &type, 0, getpid(), IPC_NOWAIT | MSG_NOERROR) != -1) {
+    }
     const IpcConnectionData answer =
         Ask(IpcControlCode::ConnectReq, IpcControlCode::ConnectRsp, {getpid(), 0});
     m_ConnectionId = answer.connectionId;
@@ -197,11 +199,11 @@ TcpChannel::TcpChannel(const std::string& address)
     std::uint16_t port = 0;
     in_addr ignored{};
     if (colon == std::string::npos || inet_pton(AF_INET, host.c_str(), &ignored) != 1) {
-        throw std::runtime_error("not HOST:PORT: " + address);
+        throw std::invalid_argument("not HOST:PORT: " + address);
     }
     const auto [stop, error] = std::from_chars(address.data() + colon + 1, end, port);
     if (stop != end || error != std::errc()) {
-        throw std::runtime_error("not HOST:PORT: " + address);
+        throw std::invalid_argument("not HOST:PORT: " + address);
     }
     if (!m_Socket.create(AF_INET) || !m_Socket.connect(host, port)) {
         m_Socket.close();
@@ -211,7 +213,7 @@ TcpChannel::TcpChannel(const std::string& address)
 
 std::size_t TcpChannel::GetMaxPayload() const
 {
-    return s_MaxFrame - s_MsgHeaderSize;
+    return s_MaxStreamPayload;
 }
 
 void TcpChannel::Send(int category, std::string_view payload)
@@ -237,7 +239,7 @@ std::optional<Message> TcpChannel::Receive(milliseconds limit)
         if (poll(&socket, 1, static_cast<int>(TimeUntil(end).count())) <= 0) {
             return std::nullopt;
         }
-        unsigned char piece[s_MaxFrame];
+        unsigned char piece[s_MaxFrameSize];
         const int count = m_Socket.recv(piece, sizeof piece);
         if (count == 0) {
             throw std::runtime_error("the server has closed the connection");
@@ -253,7 +255,7 @@ std::optional<Message> TcpChannel::TakeFrame()
         return std::nullopt;
     }
     std::memcpy(&header, m_Received.data(), sizeof header);
-    if (header.length < sizeof header || header.length > s_MaxFrame) {
+    if (header.length < sizeof header || header.length > s_MaxFrameSize) {
         throw std::runtime_error("an unexpected answer");
     }
     if (m_Received.size() < header.length) {
@@ -263,4 +265,32 @@ std::optional<Message> TcpChannel::TakeFrame()
                     m_Received.substr(sizeof header, header.length - sizeof header)};
     m_Received.erase(0, header.length);
     return message;
+}
+
+Session::Session(const std::string& queueAddress, const std::string& tcpAddress)
+{
+    if (queueAddress.empty()) {
+        m_Channel = std::make_unique<TcpChannel>(tcpAddress);
+        return;
+    }
+    auto queue = std::make_unique<QueueChannel>(queueAddress);
+    m_ConnectionId = queue->Connect();
+    m_Channel = std::move(queue);
+}
+
+Session::~Session()
+{
+    try {
+        if (m_Channel) {
+            m_Channel->Close();
+        }
+    } catch (...) {
+        // What made the session end is reported; that this failed, too, tells nothing more.
+    }
+}
+
+void Session::Close()
+{
+    const std::unique_ptr<Channel> channel = std::move(m_Channel);
+    channel->Close();
 }

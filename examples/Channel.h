@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,7 +22,8 @@ struct Message
 };
 
 /// A client's way to a server. Everything that goes wrong is a `std::runtime_error`, or an
-/// exception of the library.
+/// exception of the library; what can't be asked for, an address of another form or a payload that
+/// is too long, is a `std::invalid_argument`.
 class Channel
 {
 public:
@@ -49,7 +51,7 @@ public:
     /// created.
     explicit QueueChannel(const std::string& address);
 
-    /// Returns the connection's id.
+    /// Returns the connection's id. What lies there for an earlier process of this id is dropped.
     int Connect();
     void Close() override;
 
@@ -89,4 +91,26 @@ private:
 
     VelaHost_Ipc::Socket m_Socket;
     std::string m_Received; ///< The beginning of the next frame.
+};
+
+/// A connection to a server that is closed also when something goes wrong.
+class Session
+{
+public:
+    /// To the queue of that address or, where it is empty, to the TCP server of the other.
+    Session(const std::string& queueAddress, const std::string& tcpAddress);
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    ~Session();
+
+    Channel& GetChannel() { return *m_Channel; }
+    /// 0 over TCP, where a client isn't told.
+    int GetConnectionId() const { return m_ConnectionId; }
+
+    /// Nothing else may follow. Tells, unlike destruction, what goes wrong.
+    void Close();
+
+private:
+    std::unique_ptr<Channel> m_Channel;
+    int m_ConnectionId = 0;
 };

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
-#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
@@ -106,7 +106,7 @@ int main(int argc, char** argv)
     Options options;
     std::string queueAddress;
     std::string tcpAddress;
-    int disconnectId = -1;
+    std::optional<int> disconnectId;
     for (int opt = 0; (opt = getopt_long(argc, argv, "", longOptions, nullptr)) != -1;) {
         switch (opt) {
         case 'q':
@@ -141,30 +141,27 @@ int main(int argc, char** argv)
             return Usage();
         }
     }
-    if (queueAddress.empty() == tcpAddress.empty() || options.size < 4 ||
-        options.size > VelaHost_Ipc::s_MaxQueuePayload) {
+    if (queueAddress.empty() == tcpAddress.empty() || (disconnectId && queueAddress.empty()) ||
+        options.size < 4 || options.size > VelaHost_Ipc::s_MaxQueuePayload) {
         return Usage();
     }
 
     try {
-        std::unique_ptr<Channel> channel;
-        if (!queueAddress.empty()) {
-            auto queue = std::make_unique<QueueChannel>(queueAddress);
-            if (disconnectId != -1) {
-                queue->SendControl(VelaHost_Ipc::IpcControlCode::DisconnectReq, {0, disconnectId});
-                return 0;
-            }
-            std::printf("process %d has connection %d\n", getpid(), queue->Connect());
-            channel = std::move(queue);
-        } else {
-            channel = std::make_unique<TcpChannel>(tcpAddress);
+        if (disconnectId) {
+            QueueChannel(queueAddress)
+                .SendControl(VelaHost_Ipc::IpcControlCode::DisconnectReq, {0, *disconnectId});
+            return 0;
         }
-        std::fflush(stdout);
+        Session session(queueAddress, tcpAddress);
+        if (!queueAddress.empty()) {
+            std::printf("process %d has connection %d\n", getpid(), session.GetConnectionId());
+            std::fflush(stdout);
+        }
         if (options.hold) {
             WaitForEndOfInput();
         }
-        Exchange(*channel, options);
-        channel->Close();
+        Exchange(session.GetChannel(), options);
+        session.Close();
         std::printf("%d messages of %d bytes %s\n", options.count, options.size,
                     options.noAnswer ? "sent" : "sent and answered");
         return 0;

@@ -17,13 +17,18 @@ public:
 
     int Connect()
     {
-        m_Connection = AskControl(IpcControlCode::ConnectReq).connectionId;
+        // An earlier process may have had our id and died before it took its answers.
+        long type = 0;
+        while (msgrcv(m_Queue.GetId(), &type, 0, getpid(), IPC_NOWAIT | MSG_NOERROR) != -1) {
+        }
+        m_Connection =
+            AskControl(IpcControlCode::ConnectReq, IpcControlCode::ConnectRsp).connectionId;
         return m_Connection;
     }
 
-    void Disconnect() { AskControl(IpcControlCode::DisconnectReq); }
+    void Disconnect() { AskControl(IpcControlCode::DisconnectReq, IpcControlCode::DisconnectRsp); }
 
-    /// Sends a payload of 500 bytes at most and waits for the answer.
+    /// Sends a payload of 500 bytes at most and waits for the answer, of the same category.
     std::string Ask(int category, const std::string& payload)
     {
         IpcMsgBuf message{};
@@ -32,9 +37,7 @@ public:
         message.category = static_cast<std::uint16_t>(category);
         payload.copy(reinterpret_cast<char*>(message.data), sizeof message.data);
         m_Queue.Send(message, static_cast<int>(payload.size()));
-        const int count = m_Queue.Receive(message, getpid()); // answers bear our process id
-        const int length = std::max(count - VelaHost_Ipc::s_MsgHeaderSize, 0);
-        return {reinterpret_cast<const char*>(message.data), static_cast<std::size_t>(length)};
+        return Receive(category);
     }
 
 private:
@@ -42,14 +45,30 @@ private:
     using IpcControlCode = VelaHost_Ipc::IpcControlCode;
     using IpcConnectionData = VelaHost_Ipc::IpcConnectionData;
 
-    IpcConnectionData AskControl(IpcControlCode code)
+    /// Waits for a message of that category and drops others.
+    std::string Receive(int category)
+    {
+        IpcMsgBuf message{};
+        int count = 0;
+        do {
+            count = m_Queue.Receive(message, getpid()); // answers bear our process id
+        } while (message.category != category);
+        const int length = std::max(count - VelaHost_Ipc::s_MsgHeaderSize, 0);
+        return {reinterpret_cast<const char*>(message.data), static_cast<std::size_t>(length)};
+    }
+
+    IpcConnectionData AskControl(IpcControlCode request, IpcControlCode response)
     {
         IpcConnectionData data{getpid(), m_Connection};
-        std::string payload(reinterpret_cast<const char*>(&code), sizeof code);
+        std::string payload(reinterpret_cast<const char*>(&request), sizeof request);
         payload.append(reinterpret_cast<const char*>(&data), sizeof data);
         std::string answer = Ask(VelaHost_Ipc::s_ControlCategory, payload);
-        answer.resize(payload.size()); // whoever may write to the queue can send less
-        std::memcpy(&data, answer.data() + sizeof code, sizeof data);
+        // Whoever may write to the queue can send less, or something else.
+        while (answer.size() != payload.size() ||
+               std::memcmp(answer.data(), &response, sizeof response) != 0) {
+            answer = Receive(VelaHost_Ipc::s_ControlCategory);
+        }
+        std::memcpy(&data, answer.data() + sizeof response, sizeof data);
         return data;
     }
 

@@ -30,8 +30,12 @@ static bool ReadSettings(const char* path, Settings& settings)
         std::printf("%s: %s\n", path, properties.GetLastError().c_str());
         return false;
     }
-    settings.keyPath = GetStringPropertyValue(properties, "KeyPath", path);
+    settings.keyPath = GetStringPropertyValue(properties, "KeyPath", "capitals.key");
     settings.category = GetUIntPropertyValue(properties, "Category", 2);
+    if (!std::ofstream(settings.keyPath, std::ios::app)) {
+        std::printf("can't make %s\n", settings.keyPath.c_str());
+        return false;
+    }
     return true;
 }
 
@@ -104,17 +108,28 @@ static void Serve(void* argument)
     }
 }
 
-static void RemoveQueue(int id)
+class QueueOwner
 {
-    msqid_ds state{};
-    for (int tries = 0; tries < 100; ++tries) {
-        if (msgctl(id, IPC_STAT, &state) == -1 || state.msg_qnum == 0) {
-            break;
+public:
+    explicit QueueOwner(int id) : m_Id(id) {}
+    QueueOwner(const QueueOwner&) = delete;
+    QueueOwner& operator=(const QueueOwner&) = delete;
+    ~QueueOwner() { msgctl(m_Id, IPC_RMID, nullptr); }
+
+    void WaitUntilEmpty() const
+    {
+        msqid_ds state{};
+        for (int tries = 0; tries < 100; ++tries) {
+            if (msgctl(m_Id, IPC_STAT, &state) == -1 || state.msg_qnum == 0) {
+                return;
+            }
+            SleepMilliseconds(50);
         }
-        SleepMilliseconds(50);
     }
-    msgctl(id, IPC_RMID, nullptr);
-}
+
+private:
+    const int m_Id;
+};
 
 static int Run(const Settings& settings)
 {
@@ -122,6 +137,7 @@ static int Run(const Settings& settings)
     ThreadEvent over;
     IpcConnectionManager<IpcMsgQueueTransport> manager(&log);
     IpcMsgQueueTransport transport({settings.keyPath.c_str(), 'G'}, manager, &log);
+    const QueueOwner queue(transport.GetQueue().GetId());
     Capitals capitals(manager, transport.GetQueue(), over);
     transport.Init();
     if (manager.RegisterHandler(&capitals, static_cast<int>(settings.category)) != 0) {
@@ -138,7 +154,7 @@ static int Run(const Settings& settings)
         // A heartbeat would go here.
     }
     JoinThread(thread);
-    RemoveQueue(transport.GetQueue().GetId());
+    queue.WaitUntilEmpty();
     std::puts("over");
     return 0;
 }

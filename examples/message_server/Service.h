@@ -48,8 +48,20 @@ public:
         VelaHost_OS::CreateThread(Serve, 0, this, &m_Thread);
     }
 
-    /// Waits for the thread, which ends after the first pass that follows the stop event.
-    void Join() { VelaHost_OS::JoinThread(m_Thread); }
+protected:
+    ~Service() = default;
+
+    /// Sets the stop event and waits for the thread's end, if there is one; `wake` ends the pass
+    /// that it may be in. For the derived class's destructor: until then handlers use that class.
+    template <typename Wake>
+    void Stop(Wake wake)
+    {
+        if (m_Thread != 0) {
+            m_Stop.Set();
+            wake();
+            VelaHost_OS::JoinThread(m_Thread);
+        }
+    }
 
 private:
     static void Serve(void* self)

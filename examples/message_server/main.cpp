@@ -5,9 +5,9 @@
 #include "PublishedStatus.h"
 #include "Service.h"
 
-#include <VelaHost_Ipc/ClientSocket.h>
 #include <VelaHost_Ipc/IpcMsgQueueTransport.h>
 #include <VelaHost_Ipc/IpcSocketTransport.h>
+#include <VelaHost_Ipc/Socket.h>
 #include <VelaHost_OS/LibraryVersion.h>
 #include <VelaHost_OS/ProcessMutex.h>
 #include <VelaHost_OS/SharedMemory.h>
@@ -20,6 +20,7 @@
 #include <cstring>
 #include <fstream>
 #include <optional>
+#include <sys/socket.h>
 
 namespace {
 
@@ -53,10 +54,30 @@ private:
     std::function<void()> m_Function;
 };
 
+/// Dismisses what a timer runs at the end of a scope. Declared before the timer, which is stopped
+/// by then.
+class Dismissal
+{
+public:
+    explicit Dismissal(RunOnTimer& dismissed) : m_Dismissed(dismissed) {}
+    Dismissal(const Dismissal&) = delete;
+    Dismissal& operator=(const Dismissal&) = delete;
+    ~Dismissal() { m_Dismissed.Dismiss(); }
+
+private:
+    RunOnTimer& m_Dismissed;
+};
+
+/// Its queue goes with it.
 class QueueService : public Service<IpcMsgQueueTransport>
 {
 public:
     using Service::Service;
+    ~QueueService()
+    {
+        Stop([this] { Wake(); });
+        RemoveQueue();
+    }
 
     /// Clients take replies by their process id.
     void Answer(IpcMsgBuf& message, int length)
@@ -67,6 +88,7 @@ public:
         }
     }
 
+private:
     /// Ends the pass that is waiting for a message.
     void Wake()
     {
@@ -89,10 +111,20 @@ public:
 class TcpService : public Service<IpcSocketTransport>
 {
 public:
-    TcpService(int port, unsigned int logLevel, ThreadEvent& stop,
-               std::atomic<std::uint32_t>& connectionCount)
-        : Service({port}, logLevel, stop, connectionCount), m_Port(port)
-    {}
+    using Service::Service;
+    ~TcpService()
+    {
+        Stop([this] { Wake(); });
+    }
+
+    /// The configured port, or the one that the system has chosen.
+    int GetPort()
+    {
+        sockaddr_in address{};
+        socklen_t size = sizeof address;
+        getsockname(GetListener(), reinterpret_cast<sockaddr*>(&address), &size);
+        return ntohs(address.sin_port);
+    }
 
     void Answer(IpcMsgBuf& message, int length)
     {
@@ -101,11 +133,19 @@ public:
         }
     }
 
-    /// Ends the pass that is waiting for a client or a message, by being one.
-    void Wake() const { ClientSocket("127.0.0.1", m_Port); }
-
 private:
-    const int m_Port;
+    int GetListener() { return GetTransport().GetServer().GetSock(); }
+
+    /// Ends the pass that is waiting for a client or a message, by being one.
+    void Wake()
+    {
+        Socket client;
+        if (!client.create(AF_INET) || !client.connect("127.0.0.1", GetPort())) {
+            // A pass that has nothing to accept clients with ends, too.
+            shutdown(GetListener(), SHUT_RDWR);
+        }
+        client.close();
+    }
 };
 
 /// The text of a setting that must be there.
@@ -127,30 +167,47 @@ PropertiesSection& RequireSection(PropertiesEx& config, const char* type)
     return *section;
 }
 
-/// Waits for SIGINT or SIGTERM, which every thread of the process has blocked.
-void WaitForSignal(void* stopEvent)
+/// Sets an event on SIGINT or SIGTERM, which every thread of the process has blocked.
+class SignalWatch
 {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    int signalNumber = 0;
-    sigwait(&signals, &signalNumber);
-    static_cast<ThreadEvent*>(stopEvent)->Set();
-}
+public:
+    explicit SignalWatch(ThreadEvent& event) { CreateThread(Wait, 0, &event, &m_Thread); }
+    SignalWatch(const SignalWatch&) = delete;
+    SignalWatch& operator=(const SignalWatch&) = delete;
+    ~SignalWatch()
+    {
+        CancelThread(m_Thread); // it may still wait for a signal
+        JoinThread(m_Thread);
+    }
 
-void Serve(PropertiesEx& config)
+private:
+    static void Wait(void* event)
+    {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGINT);
+        sigaddset(&signals, SIGTERM);
+        int signalNumber = 0;
+        sigwait(&signals, &signalNumber);
+        static_cast<ThreadEvent*>(event)->Set();
+    }
+
+    unsigned long m_Thread = 0;
+};
+
+/// Serves until a signal or an idle time ends it. However this is left, by an exception too, no
+/// thread and no timer goes on, and the queue is gone.
+void Serve(PropertiesEx& config, StatusPage& page)
 {
     constexpr unsigned int millisecondsPerSecond = 1000;
 
-    PublishedStatus status(RequireText(config, "StatusPage"));
-    StatusPage& page = status.Get();
     ThreadEvent stop;
 
     static RunOnTimer onHeartbeat([&] {
         ++page.heartbeats;
         PrintLine("heartbeat: " + std::to_string(page.messages) + " messages");
     });
+    const Dismissal heartbeatDismissal(onHeartbeat);
     Timer heartbeat(GetUIntPropertyValue(config, "HeartbeatMilliseconds", millisecondsPerSecond),
                     &onHeartbeat, true);
     const unsigned int idleSeconds = GetUIntPropertyValue(config, "IdleSeconds", 0);
@@ -158,6 +215,7 @@ void Serve(PropertiesEx& config)
         PrintLine("idle for " + std::to_string(idleSeconds) + " s");
         stop.Set();
     });
+    const Dismissal idleDismissal(onIdle);
     Timer idle(idleSeconds * millisecondsPerSecond, &onIdle, false);
 
     HandlerContext context{page.sum, [&] {
@@ -178,16 +236,18 @@ void Serve(PropertiesEx& config)
     std::optional<TcpService> tcp;
     if (PropertiesSection* tcpSection = config.GetSection("Tcp", 0)) {
         const char* port = tcpSection->GetArg(0);
-        tcp.emplace(port != nullptr ? std::stoi(port) : 0,
-                    GetUIntPropertyValue(*tcpSection, "LogLevel", ConsoleLog::s_Errors), stop,
-                    page.tcpConnections);
-        tcp->AddHandlers(MakeHandlers(config, context, [&](IpcMsgBuf& message, int length) {
-            tcp->Answer(message, length);
-        }));
+        TcpService& service =
+            tcp.emplace(IpcSocketTransport::Config{port != nullptr ? std::stoi(port) : 0},
+                        GetUIntPropertyValue(*tcpSection, "LogLevel", ConsoleLog::s_Errors), stop,
+                        page.tcpConnections);
+        service.AddHandlers(
+            MakeHandlers(config, context, [&service](IpcMsgBuf& message, int length) {
+                service.Answer(message, length);
+            }));
+        PrintLine("TCP port " + std::to_string(service.GetPort()));
     }
 
-    unsigned long signalThread = 0;
-    CreateThread(WaitForSignal, 0, &stop, &signalThread);
+    const SignalWatch signals(stop);
     queue.Start();
     if (tcp) {
         tcp->Start();
@@ -201,21 +261,14 @@ void Serve(PropertiesEx& config)
     // Whole seconds: an event set between its test and its wait is noticed in the next one.
     while (!stop.Wait(millisecondsPerSecond)) {
     }
+}
 
-    queue.Wake();
-    queue.Join();
-    queue.RemoveQueue();
-    if (tcp) {
-        tcp->Wake();
-        tcp->Join();
-    }
-    heartbeat.Stop();
-    idle.Stop();
-    onHeartbeat.Dismiss();
-    onIdle.Dismiss();
-    CancelThread(signalThread); // it may still wait for a signal
-    JoinThread(signalThread);
-    PrintLine("stopped after " + std::to_string(page.messages) + " messages");
+/// Serves, with a status page that is there meanwhile.
+void PublishAndServe(PropertiesEx& config)
+{
+    PublishedStatus status(RequireText(config, "StatusPage"));
+    Serve(config, status.Get());
+    PrintLine("stopped after " + std::to_string(status.Get().messages) + " messages");
 }
 
 void LoadConfig(PropertiesEx& config, const char* configFile)
@@ -237,7 +290,7 @@ int RunServer(PropertiesEx& config, bool last)
     // From here on every signal is blocked in this thread and in those that it starts.
     instance.Lock();
     PrintLine("got the lock");
-    Serve(config);
+    PublishAndServe(config);
     if (last) {
         instance.Delete();
     } else {
