@@ -53,8 +53,9 @@ Headers, pkg-config file and CMake package for programs that use libvelahost.
 Both give what compiling and linking at 32 bit takes, on amd64 too.")
 velahost_debian_package(tools libvelahost-tools utils foreign "${same_runtime}, ${c_runtime}"
 "host-side runtime services, tools for operators
-Programs that show and mend what processes using libvelahost share: queues,
-semaphores, lock files, configuration files.")
+Programs that check configuration files, show and remove what processes using
+libvelahost share (queues, process mutexes, memory files) and speak to their
+servers, and a Wireshark dissector of the messages that these send over TCP.")
 velahost_debian_package(doc libvelahost-doc doc foreign ""
 "host-side runtime services, documentation
 Formats, limits, binary interface and examples of libvelahost.")
@@ -83,4 +84,8 @@ configure_file(packaging/debian/FinishPackages.cmake.in "${debian}/FinishPackage
 set(CPACK_PRE_BUILD_SCRIPTS "${debian}/FinishPackages.cmake")
 
 get_cmake_property(CPACK_COMPONENTS_ALL COMPONENTS)
+if(NOT TARGET velahost-client)
+    # The dissector alone doesn't make a package of programs.
+    list(REMOVE_ITEM CPACK_COMPONENTS_ALL tools)
+endif()
 include(CPack)

@@ -10,11 +10,15 @@ as_root() {
 }
 
 # install_packages PACKAGE...: installs what it can. One package index that can't be fetched (a
-# foreign architecture's, say) doesn't stop the rest.
+# foreign architecture's, say) doesn't stop the rest. Scripts that run side by side take turns: apt
+# waits for others that install packages, but can't wait for one that fetches an index.
 install_packages() {
-    as_root apt-get update -q >/dev/null 2>&1 || true
-    as_root env DEBIAN_FRONTEND=noninteractive \
-        apt-get install -y -q --no-install-recommends "$@" >/dev/null 2>&1
+    (
+        flock 9
+        as_root apt-get update -q >/dev/null 2>&1 || true
+        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
+            -o DPkg::Lock::Timeout=600 "$@" >/dev/null 2>&1
+    ) 9<scripts/common.sh
 }
 
 # prepare_command COMMAND PACKAGE...: installs the packages when the command is missing; false when that
@@ -34,7 +38,7 @@ builds_with() {
         "$@" -x c++ - -o /dev/null >/dev/null 2>&1
 }
 
-# Installs what building needs and is missing; sets `preset` and `native_preset_reason`.
+# Installs what building needs and is missing; sets `preset`.
 prepare_machine() {
     local missing=()
     command -v cmake >/dev/null || missing+=(cmake)
@@ -52,26 +56,27 @@ prepare_machine() {
             install_packages "$package" || say "Can't install $package"
         done
     fi
-    if builds_with g++ -m32; then
-        preset=${VELAHOST_PRESET:-dev}
-    else
-        say "No 32-bit C++ toolchain here and none can be installed: building natively, $(getconf LONG_BIT) bit."
-        preset=native
-    fi
+    preset=${VELAHOST_PRESET:-dev}
+    case $preset in
+        native | tsan) ;; # of the machine's own word size
+        *)
+            if ! builds_with g++ -m32; then
+                say "No 32-bit C++ toolchain here and none can be installed: building natively, $(getconf LONG_BIT) bit."
+                preset=native
+            fi
+            ;;
+    esac
 }
 
+# Installs what valgrind needs for 32-bit programs; false, with a message, when that can't be had.
 prepare_valgrind() {
-    local missing=()
-    command -v valgrind >/dev/null || missing+=(valgrind)
-    # Without the C library's debug information valgrind doesn't start 32-bit programs.
-    dpkg -s libc6-dbg:i386 >/dev/null 2>&1 || {
-        as_root dpkg --add-architecture i386
-        missing+=(libc6-dbg:i386)
-    }
-    if [ "${#missing[@]}" -gt 0 ]; then
-        say "Installing: ${missing[*]}"
-        install_packages "${missing[@]}"
-    fi
+    prepare_command valgrind valgrind || return 1
+    # Without the C library's debug information it doesn't start them.
+    dpkg -s libc6-dbg:i386 >/dev/null 2>&1 && return
+    say "Installing: libc6-dbg:i386"
+    as_root dpkg --add-architecture i386 && install_packages libc6-dbg:i386 && return
+    say "libc6-dbg:i386 is missing and can't be installed"
+    return 1
 }
 
 # The operators' tools are left out where the headers they are made with can't be had.

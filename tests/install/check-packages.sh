@@ -12,6 +12,14 @@ package() { find "$directory" -maxdepth 1 -name "$1_*.deb"; }
 field() { dpkg-deb -f "$(package "$1")" "$2"; }
 # has_field PACKAGE FIELD VALUE
 has_field() { [ "$(field "$1" "$2")" = "$3" ] || fail "$1: $2 is $(field "$1" "$2"), not $3"; }
+# is_of_its_release PACKAGE: all that is in it has the time of its changelog's first entry.
+is_of_its_release() {
+    local released times
+    released=$(gzip -dc "$root/usr/share/doc/$1/changelog.Debian.gz" | sed -n 's/^ -- .*>  //p' | head -n 1)
+    times=$(dpkg-deb --fsys-tarfile "$(package "$1")" | tar -tv --utc --full-time | awk '{ print $4, $5 }' | sort -u)
+    [ -n "$released" ] && [ "$times" = "$(date -u -d "$released" '+%F %T')" ] ||
+        fail "$1: the changelog says $released, the files are of:" "$times"
+}
 
 for name in libvelahost1 libvelahost-dev libvelahost-doc libvelahost-tools; do
     if [ -z "$(package $name)" ]; then
@@ -22,6 +30,7 @@ for name in libvelahost1 libvelahost-dev libvelahost-doc libvelahost-tools; do
     for file in copyright changelog.gz changelog.Debian.gz; do
         [ -s "$root/usr/share/doc/$name/$file" ] || fail "$name has no $file"
     done
+    [ -z "${SOURCE_DATE_EPOCH:-}" ] || is_of_its_release $name
     case $name in
         libvelahost-doc) has_field $name Architecture all ;;
         *) has_field $name Architecture i386 ;;
@@ -36,10 +45,11 @@ has_field libvelahost-dev Depends "libvelahost1 (= $(field libvelahost1 Version)
 # The symbols that other packages' dependencies are made from are the library's.
 library=$(find "$root" -type f -name 'libvelahost.so.*[0-9]')
 dpkg-deb --ctrl-tarfile "$(package libvelahost1)" | tar -xC "$work" ./symbols ./shlibs ./triggers
-diff <(sed -n 's/^ \(.*\)@Base 1\.0\.0$/\1/p' "$work/symbols") \
-    <(nm -D --defined-only --format=just-symbols "$library" | LC_ALL=C sort) ||
+diff <(grep '^ ' "$work/symbols") \
+    <(nm -D --defined-only --format=just-symbols "$library" | LC_ALL=C sort |
+        sed "s/.*/ &@Base $PROJECT_VERSION/") ||
     fail "the symbols file is another library's"
-diff "$work/shlibs" <(echo "libvelahost 1 libvelahost1 (>= 1.0.0)")
+diff "$work/shlibs" <(echo "libvelahost 1 libvelahost1 (>= $PROJECT_VERSION)")
 grep -q '^activate-noawait ldconfig$' "$work/triggers" || fail "the loader's cache isn't renewed"
 
 # asks_for PACKAGE VERSION: libvelahost1 depends on that version of it or a later one.

@@ -14,4 +14,4 @@ if cmake -S "$work/consumer" -B "$work/other" -DCMAKE_CXX_COMPILER="$CXX" \
     -DCMAKE_PREFIX_PATH="$work/root" >"$work/other.log" 2>&1; then
     fail "version 1 passes for version 0"
 fi
-grep -q 'version: 1.0.0' "$work/other.log" || fail "$(cat "$work/other.log")"
+grep -qF "version: $PROJECT_VERSION" "$work/other.log" || fail "$(cat "$work/other.log")"

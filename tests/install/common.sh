@@ -7,6 +7,7 @@ tests=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 : "${CXX:=g++}"
 # What the library was built for.
 : "${WORD_SIZE:=32}"
+: "${PROJECT_VERSION:?is not set to the version of what is tested}"
 
 # Goes when the last process that has this test's descriptor ends, however it ends.
 work=$(mktemp -d)

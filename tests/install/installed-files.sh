@@ -24,5 +24,5 @@ is_found_by_the_loader "$root"
 runtime=$work/runtime
 install_tree "$build" "$runtime" --component runtime
 [ "$(cd "$runtime" && find . ! -type d -printf '%f\n' | sort | paste -sd ' ')" = \
-    "libvelahost.so.1 libvelahost.so.1.0.0" ] ||
+    "libvelahost.so.1 libvelahost.so.$PROJECT_VERSION" ] ||
     fail "the runtime component has:" "$(find "$runtime" ! -type d)"
