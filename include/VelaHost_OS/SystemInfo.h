@@ -47,7 +47,7 @@ VELAHOST_EXPORT std::int64_t gethrtime();
 /// it with `EINTR` and the rest is not slept.
 VELAHOST_EXPORT int SleepMilliseconds(unsigned int milliseconds);
 
-/// Processors online.
+/// Processors online; -1 when the system doesn't tell.
 VELAHOST_EXPORT int GetNumProcessors();
 
 /// The calling thread's `errno`.

@@ -20,9 +20,10 @@ namespace VelaHost_OS {
 /// waits again.
 ///
 /// A failed platform call throws `VelaHost_Utility::SystemException`, code 0x2002, also out of the
-/// destructor. `Set`, `Reset` and `Wait` may be called from any thread; nobody may be waiting when
-/// the event is destroyed. What a thread did before `Set` is visible to every thread whose `Wait`
-/// returns true on account of it.
+/// destructor. `Set`, `Reset` and `Wait` may be called from any thread. When the event is destroyed
+/// nobody may be waiting and every `Set` must have returned: a `Wait` that returned true does not
+/// tell that, since the flag comes before the wake-up. What a thread did before `Set` is visible to
+/// every thread whose `Wait` returns true on account of it.
 class VELAHOST_EXPORT ThreadEvent
 {
 public:

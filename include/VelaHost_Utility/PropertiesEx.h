@@ -18,7 +18,7 @@ class PropertiesSection;
 ///
 /// Sections are kept by type, compared byte by byte, in the order in which they were added; any
 /// number may have the same type and arguments. The store owns them: what it returns lives until
-/// `Clear()` or the store's end. Threads and memory are as for `Properties`.
+/// `Clear()` or the store's end. Threads, memory and null texts are as for `Properties`.
 class VELAHOST_EXPORT PropertiesEx : public Properties
 {
 public:

@@ -1,16 +1,24 @@
 #include "Documents.h"
 
+#include "support/ChildProcess.h"
 #include "support/Janitor.h"
+#include "support/RawQueue.h"
 #include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstdio>
+#include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -73,23 +81,32 @@ class GuidePrograms : public ::testing::Test
 protected:
     void SetUp() override
     {
-        const std::string settings = m_Directory.WriteFile(
-            "capitals.conf", Blocks(ReadProjectFile("docs/guide.md"), "ini").at(0));
-        m_Queue = settings;
-        janitor::Register(janitor::Kind::MessageQueue, m_Queue, s_QueueId);
+        WriteSettings(Blocks(ReadProjectFile("docs/guide.md"), "ini").at(0));
+        janitor::Register(janitor::Kind::MessageQueue, m_KeyFile, s_QueueId);
     }
-    void TearDown() override { janitor::Remove(janitor::Kind::MessageQueue, m_Queue, s_QueueId); }
+    void TearDown() override { janitor::Remove(janitor::Kind::MessageQueue, m_KeyFile, s_QueueId); }
 
-    /// `program` with the settings, in their directory; it ends in any case.
+    void WriteSettings(const std::string& settings) const
+    {
+        m_Directory.WriteFile("capitals.conf", settings);
+    }
+
+    /// `program` in the directory of the settings; it ends in any case.
     std::string Command(const std::string& program, const std::string& arguments) const
     {
-        return "cd " + m_Directory.GetPath() + " && exec timeout 60 " + program +
-               " capitals.conf " + arguments;
+        return "cd " + m_Directory.GetPath() + " && exec timeout 60 " + program + ' ' + arguments;
+    }
+
+    /// The server's queue; -1 when there is none, or none was ever made.
+    int FindQueue() const
+    {
+        const key_t key = ftok(m_KeyFile.c_str(), s_QueueId);
+        return key != -1 ? msgget(key, 0) : -1;
     }
 
     const std::vector<std::string> m_Transcripts = Blocks(ReadProjectFile("docs/guide.md"), "text");
     TemporaryDirectory m_Directory;
-    std::string m_Queue;
+    const std::string m_KeyFile = m_Directory.File("capitals.key");
 };
 
 TEST(Guide, IsMadeOfTheFilesThatAreBuilt)
@@ -105,20 +122,47 @@ TEST(Guide, IsMadeOfTheFilesThatAreBuilt)
 
 TEST_F(GuidePrograms, PrintWhatTheGuideSays)
 {
-    Program server(Command(GUIDE_SERVER, ""));
+    Program server(Command(GUIDE_SERVER, "capitals.conf"));
     std::string served = server.ReadLine();
     ASSERT_EQ(served, "serving\n");
-    EXPECT_EQ(Program(Command(GUIDE_CLIENT, "hello 'good bye'")).ReadRest(), m_Transcripts.at(1));
+    EXPECT_EQ(Program(Command(GUIDE_CLIENT, "capitals.key hello 'good bye'")).ReadRest(),
+              m_Transcripts.at(1));
     served += server.ReadRest();
     EXPECT_EQ(std::regex_replace(served, std::regex("PID( ?=?)[0-9]+"), "PID$014660"),
               m_Transcripts.at(0));
+    EXPECT_EQ(FindQueue(), -1);
+}
+
+TEST_F(GuidePrograms, TakeNoReplyToAnEarlierProcessForTheirOwn)
+{
+    Program server(Command(GUIDE_SERVER, "capitals.conf"));
+    ASSERT_EQ(server.ReadLine(), "serving\n");
+    const std::string output = m_Directory.File("output");
+    ChildProcess client([&] {
+        const RawQueue queue(FindQueue());
+        queue.Send(getpid(), MessageText(0, 1, ControlPayload(2, getpid(), 7)));
+        queue.Send(getpid(), MessageText(7, 2, std::string(600, 'x')));
+        dup2(open(output.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), STDOUT_FILENO);
+        execl(GUIDE_CLIENT, GUIDE_CLIENT, m_KeyFile.c_str(), "hello", nullptr);
+        return 127;
+    });
+    EXPECT_EQ(client.WaitForExitStatus(), 0);
+    std::ifstream file(output);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "connection 1\nHELLO\n");
+}
+
+TEST_F(GuidePrograms, LeaveNoQueueWhenTheServerCannotServe)
+{
+    WriteSettings("Category = 20\n");
+    EXPECT_EQ(Program(Command(GUIDE_SERVER, "capitals.conf")).ReadRest(), "no category 20\n");
+    EXPECT_NE(ftok(m_KeyFile.c_str(), s_QueueId), -1);
+    EXPECT_EQ(FindQueue(), -1);
 }
 
 TEST_F(GuidePrograms, RefuseBrokenSettingsAsTheGuideSays)
 {
-    m_Directory.WriteFile("capitals.conf",
-                          "# which messages are for the service\nCategory = two\n");
-    EXPECT_EQ(Program(Command(GUIDE_SERVER, "")).ReadRest(), m_Transcripts.at(2));
+    WriteSettings("# which messages are for the service\nCategory = two\n");
+    EXPECT_EQ(Program(Command(GUIDE_SERVER, "capitals.conf")).ReadRest(), m_Transcripts.at(2));
 }
 
 } // namespace
