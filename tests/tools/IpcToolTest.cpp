@@ -28,6 +28,7 @@
 #include <sched.h>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <sys/sem.h>
@@ -64,33 +65,55 @@ json Show(const std::vector<std::string>& arguments)
     return json::parse(result.output).at(0);
 }
 
-/// Names, to the tool, the processes of this machine that nobody may look into: they are none of
-/// the test's.
-std::vector<std::string> Unrelated()
+constexpr const char* s_Hidden = " may not be looked into: ";
+constexpr const char* s_Unplaced = " may have locks anywhere: ";
+
+std::string ReasonOf(const json& shown)
 {
-    const TemporaryDirectory directory;
-    const json shown = Show({"memory:" + directory.WriteFile("nobody's", "")});
+    return shown.value("reason", "");
+}
+
+/// The processes that `text` lists behind `what`, as the tool is told that they are unrelated.
+std::vector<std::string> UnrelatedIn(const std::string& text, std::string_view what)
+{
     std::vector<std::string> options;
-    if (shown.contains("reason")) {
-        const auto reason = shown["reason"].get<std::string>();
-        std::istringstream pids(reason.substr(reason.find(':') + 1));
-        for (std::string pid; pids >> pid;) {
-            options.insert(options.end(), {"--unrelated", pid});
+    if (const std::size_t found = text.find(what); found != std::string::npos) {
+        std::istringstream pids(text.substr(found + what.size()));
+        for (pid_t pid = 0; pids >> pid;) {
+            options.insert(options.end(), {"--unrelated", std::to_string(pid)});
         }
     }
     return options;
 }
 
-constexpr const char* s_Hidden = " may not be looked into: ";
-constexpr const char* s_Unplaced = " may have locks anywhere: ";
-
-bool TellsOfHidden(const std::string& text)
+/// Names, to the tool, the processes of this machine that nobody may look into: they are none of
+/// the test's.
+std::vector<std::string> Unrelated()
 {
-    return text.find(s_Hidden) != std::string::npos || text.find(s_Unplaced) != std::string::npos;
+    const TemporaryDirectory directory;
+    return UnrelatedIn(ReasonOf(Show({"memory:" + directory.WriteFile("nobody's", "")})), s_Hidden);
 }
 
+/// Those of other tests whose installation isn't where it was, as far as the tool has told of them.
+class Strangers
+{
+public:
+    const std::vector<std::string>& GetOptions() const { return m_Options; }
+
+    /// True when it would tell something else without somebody who is hidden.
+    bool Hide(const std::string& text)
+    {
+        m_Options = m_Options + UnrelatedIn(text, s_Unplaced);
+        return text.find(s_Hidden) != std::string::npos ||
+               text.find(s_Unplaced) != std::string::npos;
+    }
+
+private:
+    std::vector<std::string> m_Options;
+};
+
 /// Calls `look` again while somebody is hidden: a process that is just starting or ending, and that
-/// `Unrelated` can't have named yet, is so for a moment, and so are those of other tests.
+/// `Unrelated` can't have named yet, is so for a moment.
 template <typename Look, typename IsHidden>
 auto UntilNobodyIsHidden(const Look& look, const IsHidden& isHidden)
 {
@@ -104,20 +127,23 @@ auto UntilNobodyIsHidden(const Look& look, const IsHidden& isHidden)
 
 json ShowToRoot(const std::string& handle, const std::vector<std::string>& options = {})
 {
+    Strangers strangers;
     return UntilNobodyIsHidden(
-        [&] { return Show(std::vector{handle} + options + Unrelated()); },
-        [](const json& shown) { return TellsOfHidden(shown.value("reason", "")); });
+        [&] { return Show(std::vector{handle} + options + Unrelated() + strangers.GetOptions()); },
+        [&](const json& shown) { return strangers.Hide(ReasonOf(shown)); });
 }
 
 ToolResult Clean(const std::string& handle, const std::vector<std::string>& options,
                  const std::string& input = "")
 {
+    Strangers strangers;
     return UntilNobodyIsHidden(
         [&] {
-            return RunTool(std::vector<std::string>{TOOL, "clean", handle} + options + Unrelated(),
+            return RunTool(std::vector<std::string>{TOOL, "clean", handle} + options + Unrelated() +
+                               strangers.GetOptions(),
                            input);
         },
-        [](const ToolResult& result) { return TellsOfHidden(result.errors); });
+        [&](const ToolResult& result) { return strangers.Hide(result.errors); });
 }
 
 /// The roles of the processes that have to do with an object, by their ids.
@@ -466,11 +492,9 @@ TEST_F(IpcToolLock, StaysWhileAProcessLivesWhoseInstallationIsNotWhereItWas)
     const std::string pid = std::to_string(other.GetPid());
     const json shown = UntilNobodyIsHidden(
         [] { return Show(std::vector<std::string>{s_LockHandle} + Unrelated()); },
-        [](const json& seen) {
-            return seen.value("reason", "").find(s_Hidden) != std::string::npos;
-        });
+        [](const json& seen) { return ReasonOf(seen).find(s_Hidden) != std::string::npos; });
     EXPECT_EQ(shown["state"], "uncertain");
-    const std::string reason = shown.value("reason", "");
+    const std::string reason = ReasonOf(shown);
     EXPECT_THAT(reason, HasSubstr(s_Unplaced));
     EXPECT_THAT(reason + ' ', HasSubstr(' ' + pid + ' '));
     EXPECT_EQ(RunTool(std::vector<std::string>{TOOL, "clean", s_LockHandle} + s_AtOnce).status, 1);
@@ -610,14 +634,15 @@ TEST(IpcToolClean, WithoutHandlesRemovesWhatIsAbandonedAndNothingElse)
     });
     const std::string handle = abandoned.GetHandle();
     std::string removed;
+    Strangers strangers;
     const ToolResult result = UntilNobodyIsHidden(
-        [&removed] {
-            ToolResult cleaned =
-                RunTool(std::vector<std::string>{TOOL, "clean"} + s_AtOnce + Unrelated());
+        [&] {
+            ToolResult cleaned = RunTool(std::vector<std::string>{TOOL, "clean"} + s_AtOnce +
+                                         Unrelated() + strangers.GetOptions());
             removed += cleaned.output;
             return cleaned;
         },
-        [](const ToolResult& cleaned) { return TellsOfHidden(cleaned.errors); });
+        [&](const ToolResult& cleaned) { return strangers.Hide(cleaned.errors); });
     EXPECT_EQ(result.errors, "");
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(removed, AnyOf("removed " + handle + "\nremoved lock:mutex\n",
