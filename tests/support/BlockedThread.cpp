@@ -1,5 +1,6 @@
 #include "BlockedThread.h"
 
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -11,18 +12,27 @@ namespace velahost_test {
 
 namespace {
 
-bool IsReceiveCall(const std::string& number)
-{
+constexpr std::initializer_list<long> s_ReceiveCalls{
+    SYS_msgrcv,
 #ifdef SYS_ipc
-    // i386 has one call for all of System V.
-    if (number == std::to_string(SYS_ipc)) {
-        return true;
-    }
+    SYS_ipc, // i386 has one call for all of System V
 #endif
-    return number == std::to_string(SYS_msgrcv);
-}
+};
 
 } // namespace
+
+void WaitUntilInCall(pid_t thread, std::initializer_list<long> calls)
+{
+    const std::string file = "/proc/self/task/" + std::to_string(thread) + "/syscall";
+    std::string current;
+    do {
+        // The call that the thread sleeps in; "running" while it sleeps in none.
+        if (!(std::ifstream(file) >> current)) {
+            throw std::runtime_error("the thread has ended, or the system doesn't tell");
+        }
+    } while (std::none_of(calls.begin(), calls.end(),
+                          [&](long call) { return current == std::to_string(call); }));
+}
 
 BlockedThread::BlockedThread(std::function<void()> body)
     : m_Thread([this, run = std::move(body)] {
@@ -43,14 +53,7 @@ void BlockedThread::WaitUntilReceiving() const
     while (m_ThreadId == 0) {
         std::this_thread::yield();
     }
-    const std::string file = "/proc/self/task/" + std::to_string(m_ThreadId) + "/syscall";
-    std::string call;
-    do {
-        // The call that the thread sleeps in; "running" while it sleeps in none.
-        if (!(std::ifstream(file) >> call)) {
-            throw std::runtime_error("the thread has ended, or the system doesn't tell");
-        }
-    } while (!IsReceiveCall(call));
+    WaitUntilInCall(m_ThreadId, s_ReceiveCalls);
 }
 
 } // namespace velahost_test

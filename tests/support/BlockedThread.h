@@ -3,11 +3,16 @@
 #include <atomic>
 #include <csignal>
 #include <functional>
+#include <initializer_list>
 #include <pthread.h>
 #include <sys/types.h>
 #include <thread>
 
 namespace velahost_test {
+
+/// Returns as soon as a thread of this process sleeps inside one of the system calls with these
+/// numbers, by what the system says. Throws `std::runtime_error` when it has ended instead.
+void WaitUntilInCall(pid_t thread, std::initializer_list<long> calls);
 
 /// A thread that runs into a blocking receive from a message queue. Joined at destruction: whatever
 /// it waits for must have come by then.

@@ -21,6 +21,19 @@ inline bool EndsCancelled(std::function<void()> body)
     return result == PTHREAD_CANCELED;
 }
 
+/// Runs `body`, in which the thread is cancelled, on a thread of its own; true when it came to its
+/// end all the same, and only a cancellation point behind it ended the thread.
+inline bool OutlivesCancellation(const std::function<void()>& body)
+{
+    bool cameToItsEnd = false;
+    const bool isCancelled = EndsCancelled([&] {
+        body();
+        cameToItsEnd = true;
+        pthread_testcancel();
+    });
+    return cameToItsEnd && isCancelled;
+}
+
 /// The calling thread is to end at its next cancellation point.
 inline void CancelMyself()
 {

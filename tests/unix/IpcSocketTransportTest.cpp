@@ -27,6 +27,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <initializer_list>
 #include <malloc.h>
 #include <map>
 #include <memory>
@@ -137,29 +138,12 @@ void WaitUntilAsleep(pid_t thread)
     throw std::runtime_error("the thread has ended, or the system doesn't tell");
 }
 
-bool IsSendCall(const std::string& number)
-{
+constexpr std::initializer_list<long> s_SendCalls{
+    SYS_sendto,
 #ifdef SYS_socketcall
-    // i386 has one call for all that sockets do.
-    if (number == std::to_string(SYS_socketcall)) {
-        return true;
-    }
+    SYS_socketcall, // i386 has one call for all that sockets do
 #endif
-    return number == std::to_string(SYS_sendto);
-}
-
-/// Returns as soon as a thread of this process sleeps inside `send`, by what the system says.
-void WaitUntilSending(pid_t thread)
-{
-    const std::string file = "/proc/self/task/" + std::to_string(thread) + "/syscall";
-    std::string call;
-    do {
-        // The call that the thread sleeps in; "running" while it sleeps in none.
-        if (!(std::ifstream(file) >> call)) {
-            throw std::runtime_error("the thread has ended, or the system doesn't tell");
-        }
-    } while (!IsSendCall(call));
-}
+};
 
 class Transport : public testing::Test
 {
@@ -1739,7 +1723,7 @@ TEST_F(Transport, LetsAHandlerEndASendThatItsClientKeepsWaiting)
     };
     Deliver(client, 1, Frame(s_Category, "request"));
     sender.wait(0);
-    WaitUntilSending(sender);
+    WaitUntilInCall(sender, s_SendCalls);
     // The client reads nothing, but says that it has nothing more to send.
     shutdown(client.Get(), SHUT_WR);
     RunClose(1);
